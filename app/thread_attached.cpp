@@ -1,0 +1,49 @@
+#include "app/thread_attached.h"
+
+#include <unistd.h>
+
+#include "log/logger.h"
+
+
+myThreadAttached::myThreadAttached() {
+  pthread_attr_init(&m_attr);
+  // The C library refuses stacks below PTHREAD_STACK_MIN (16 KiB on Linux), and the
+  // thread then gets the default stack size; the request is made all the same.
+  pthread_attr_setstacksize(&m_attr, kStackSize);
+}
+
+myThreadAttached::~myThreadAttached() {
+  stop();
+  pthread_attr_destroy(&m_attr);
+}
+
+void myThreadAttached::start(void* argument, const std::string& name) {
+  if (m_running.load()) {
+    LOG_CRIT("\e[1;31m\t====> Attempting to restart thread \"%s\"!\n\e[0m", name.c_str());
+    return;
+  }
+  m_name = name;
+  // The flag is raised before the thread exists so that stop() from another thread
+  // never misses it; it is lowered again if creation fails.
+  m_running.store(true);
+  if (pthread_create(&m_thread, &m_attr, &myThreadAttached::trampoline, argument) != 0) {
+    m_running.store(false);
+    LOG_CRIT("\e[1;31m\t====> Error while thread \"%s\" creation!\n\e[0m", name.c_str());
+  }
+}
+
+void myThreadAttached::stop() {
+  if (!m_running.exchange(false)) return;
+  pthread_cancel(m_thread);
+  pthread_join(m_thread, nullptr);
+}
+
+void* myThreadAttached::trampoline(void* argument) {
+  auto* self = static_cast<myThreadAttached*>(argument);
+  self->m_pid.store(getpid());
+  LOG_CRIT("\e[1;35mA new thread \"%s\" has been STARTED with PID = %d.\n\e[0m", self->m_name.c_str(),
+           self->m_pid.load());
+  self->functionThread();
+  LOG_CRIT("\e[1;35mThread \"%s\" (PID = %d) has been STOPED.\n\e[0m", self->m_name.c_str(), self->m_pid.load());
+  return nullptr;
+}

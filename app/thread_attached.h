@@ -1,0 +1,41 @@
+// Thread wrapper from which every driver and lamp thread derives.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <string>
+
+class myThreadAttached {
+ public:
+  myThreadAttached();
+  virtual ~myThreadAttached();
+  myThreadAttached(const myThreadAttached&) = delete;
+  myThreadAttached& operator=(const myThreadAttached&) = delete;
+
+  // The thread body, provided by the subclass.
+  virtual void functionThread() = 0;
+
+  // Starts the thread under the given name; the argument is handed to the trampoline
+  // (callers pass the object itself). A second start is refused with a log line.
+  void start(void* argument, const std::string& name);
+  // Cancels and joins a running thread. Idempotent. Subclasses whose functionThread
+  // uses their own members call it first thing in their destructor, so the thread
+  // never runs on a half-destroyed object.
+  void stop();
+
+  bool isRunning() const { return m_running.load(); }
+  const std::string& threadName() const { return m_name; }
+  int threadPid() const { return m_pid.load(); }
+
+  static constexpr size_t kStackSize = 10240;
+
+ private:
+  static void* trampoline(void* argument);
+
+  pthread_t m_thread{};
+  pthread_attr_t m_attr;
+  std::atomic<bool> m_running{false};
+  std::atomic<int> m_pid{0};
+  std::string m_name;
+};

@@ -1,0 +1,84 @@
+// Base of every meter driver: the shared polling loop and the six meter operations
+// that each driver supplies.
+//
+// Rules for subclasses:
+//  - Each operation returns normally. Link failures (CDisconnectException,
+//    CWrongPacketException, or anything derived from std::exception) are caught at the
+//    operation's own boundary, logged at Err, and turned into the empty result.
+//    Never write `catch (...)` without rethrowing: thread cancellation unwinds the
+//    stack with a special exception that must pass.
+//  - The most-derived destructor calls stop() first, so the thread is cancelled and
+//    joined before any member it uses goes away.
+#pragma once
+
+#include <atomic>
+#include <ctime>
+#include <string>
+
+#include "app/thread_attached.h"
+#include "server/jsonrpc_connector.h"
+#include "server/param_value.h"
+
+class CConnector;
+
+struct Timestamps {
+  int32_t first_hour_arch = 0;  // earliest hourly record that may be asked; 0 = none
+  int32_t first_day_arch = 0;   // earliest daily record; 0 = none
+  int32_t meter_time = 0;       // the meter's current date and time
+};
+
+enum { ARCH_HOURLY = 4, ARCH_DAILY = 5 };
+
+class CMcdBaseDriver : public myThreadAttached {
+ public:
+  CMcdBaseDriver();
+  ~CMcdBaseDriver() override;
+
+  // The shared polling loop; subclasses do not override it.
+  void functionThread() final;
+
+  virtual void SaveConnector(CConnector* connector) = 0;
+  virtual void init() = 0;
+  virtual ParamValueList get_all_curtime_cur_integ_values() = 0;
+  virtual ParamValueList get_all_system_values() = 0;
+  // Non-zero on success.
+  virtual int GetTimestamps(Timestamps& out) = 0;
+  // Records of the type (4 hourly, 5 daily) with times from..to inclusive into out.
+  virtual int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) = 0;
+
+  void SetJsonRpcConnector(CJSONRPCConnector* connector) { client = connector; }
+  void SetConfiguration(const ParamMap& config);
+
+  // The poll turn: main sets it, the driver clears it at the end of a cycle.
+  void SetTurn() { turn.store(true); }
+  bool GetTurn() const { return turn.load(); }
+  void ClearTurn() { turn.store(false); }
+
+  bool IsReservedPort() const { return reserved_port.load(); }
+  // False for a driver on a reserved port, else whether its archives are current.
+  bool ArchivesCurrent() const { return !reserved_port.load() && archives_current.load(); }
+
+  const ParamMap& GetConfiguration() const { return configuration; }
+  bool GetLedIndication() const { return led_indication; }
+  CJSONRPCConnector* GetClient() const { return client; }
+
+ protected:
+  // The manufacturer string (the thread's name).
+  const std::string& Manufacturer() const { return threadName(); }
+
+  // Polling-loop steps, exposed to subclasses and tests.
+  bool MayPoll() const;
+  void Wait(int seconds, bool flag);
+  bool ArchivesLag();
+  time_t ReadHourlyArch();
+  time_t ReadDailyArch();
+  void WaitVKT7();
+  void WaitVKT9();
+
+  std::atomic<bool> reserved_port{false};
+  std::atomic<bool> turn{false};
+  CJSONRPCConnector* client = nullptr;
+  ParamMap configuration;
+  bool led_indication = true;
+  std::atomic<bool> archives_current{true};
+};

@@ -1,0 +1,15 @@
+// The driver of an unknown manufacturer: it reads nothing.
+#pragma once
+
+#include "drivers/base/base_driver.h"
+
+class CMcdEmptyDriver : public CMcdBaseDriver {
+ public:
+  ~CMcdEmptyDriver() override { stop(); }
+  void SaveConnector(CConnector*) override {}
+  void init() override {}
+  ParamValueList get_all_curtime_cur_integ_values() override { return ParamValueList(); }
+  ParamValueList get_all_system_values() override { return ParamValueList(); }
+  int GetTimestamps(Timestamps&) override { return 0; }
+  int get_arch_values(int, time_t, time_t, ParamValueList&) override { return -1; }
+};

@@ -1,0 +1,74 @@
+// The daemon's link to the controller's local configuration and data server, and the
+// owner of one meter's item, archive and time-stamp files.
+#pragma once
+
+#include <json/json.h>
+
+#include <list>
+#include <map>
+#include <string>
+
+#include "server/param_value.h"
+
+typedef std::map<std::string, std::string> ParamMap;
+
+struct PortConfig {
+  ParamMap portParams;          // members of "port_params"
+  std::list<ParamMap> drivers;  // one map per meter on the port
+};
+
+class CJSONRPCConnector {
+ public:
+  CJSONRPCConnector(const std::string& meterId, int defaultSystem);
+  virtual ~CJSONRPCConnector();
+
+  // --- JSON-RPC transport and configuration ---
+  bool ExecJSONRPCFunc(const std::string& method, const Json::Value& params, Json::Value& reply);
+  // Retries every 5 seconds until a reply was received and parsed; returns true.
+  bool SendParameters(const std::string& request, Json::Value& reply);
+  std::list<PortConfig> GetInitParameters1();
+  std::list<PortConfig> GetInitParameters2();
+  bool SetSystems(const Json::Value& systems);
+
+  // --- value publishing ---
+  bool SendAllCurrentValues(const ParamValueList& list);
+  bool SendParameters_right(const ParamValueList& list);
+  bool SendParameters2(const ParamValueList& list);
+
+  // --- item, archive and time-stamp files ---
+  std::string GetItemsDir(int i);
+  std::string GetArchiveDir(int i, bool temporary);
+  bool WriteItems(const ParamValueList& list);
+  bool WriteArchive(const ParamValueList& list, int archiveType, bool temporary);
+  void SetConnectionState(bool connected);
+  bool WriteMaxTimestamp(int archiveType, long t);
+  long ReadMaxTimestamp(int archiveType);
+  void WriteVKT7Timestamp();
+  void WriteVKT9Timestamp();
+  long ReadVKT7Timestamp();
+  long ReadVKT9Timestamp();
+  bool CheckForceUpdate();
+
+  static void CreateExtPauseFile();
+  static void RemoveExtPauseFile();
+
+  // --- accessors ---
+  const std::string& GetMeterId() const { return meterId; }
+  const std::string& GetVolatileDir() const { return volatileDir; }
+  const std::string& GetStorageDir() const { return storageDir; }
+  const std::string& GetForceUpdateFile() const { return forceUpdateFile; }
+  int GetDefaultSystem() const { return defaultSystem; }
+  int GetRequestId() const { return requestId; }
+
+ private:
+  static void JsonObjectToMap(ParamMap& out, const Json::Value& object);
+
+  int32_t requestId;
+  std::string meterId;
+  std::string volatileDir;
+  std::string storageDir;
+  std::string forceUpdateFile;
+  std::map<int, std::string> archiveDirs;
+  std::map<int, std::string> itemDirs;
+  int32_t defaultSystem;
+};

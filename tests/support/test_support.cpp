@@ -1,0 +1,304 @@
+#include "support/test_support.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "server/paths.h"
+
+extern char** environ;
+
+namespace mcdtest {
+
+std::string SourcePath(const std::string& relative) { return std::string(MCD_SOURCE_DIR) + "/" + relative; }
+std::string MainBinary() { return MCD_MAIN_BINARY; }
+
+namespace {
+
+void RemoveTree(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return;
+  if (S_ISDIR(st.st_mode)) {
+    for (const auto& name : ListDir(path)) RemoveTree(path + "/" + name);
+    rmdir(path.c_str());
+  } else {
+    unlink(path.c_str());
+  }
+}
+
+}  // namespace
+
+TempRoot::TempRoot() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/mcdtest.XXXXXX";
+  std::vector<char> buf(pattern.begin(), pattern.end());
+  buf.push_back('\0');
+  char* made = mkdtemp(buf.data());
+  m_root = made ? made : "";
+  for (const char* sub : {"/tmp", "/storage", "/leds"}) mkdir((m_root + sub).c_str(), 0755);
+  WriteFile(leds("kr_red"), "0");
+  WriteFile(leds("lan"), "0");
+  for (const auto& kv : env()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+  mcd::paths::Reset();
+}
+
+TempRoot::~TempRoot() {
+  const char* keep = getenv("MCD_KEEP_TEST_ROOT");
+  if (!(keep && *keep)) RemoveTree(m_root);
+}
+
+std::map<std::string, std::string> TempRoot::env() const {
+  return {{"MCD_TMP_DIR", m_root + "/tmp/"}, {"MCD_STORAGE_DIR", m_root + "/storage/"},
+          {"MCD_LEDS_DIR", m_root + "/leds/"}};
+}
+
+bool FileExists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+std::vector<std::string> ReadLines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> ListDir(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(path.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    if (pred()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return pred();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (m_pid > 0 && Running()) {
+    kill(m_pid, SIGKILL);
+    int status;
+    waitpid(m_pid, &status, 0);
+  }
+  if (!m_out.empty()) unlink(m_out.c_str());
+  if (!m_err.empty()) unlink(m_err.c_str());
+}
+
+bool ChildProcess::Start(const std::vector<std::string>& argv, const std::map<std::string, std::string>& extraEnv) {
+  char outName[] = "/tmp/mcdchild.out.XXXXXX";
+  char errName[] = "/tmp/mcdchild.err.XXXXXX";
+  int outFd = mkstemp(outName);
+  int errFd = mkstemp(errName);
+  m_out = outName;
+  m_err = errName;
+
+  std::map<std::string, std::string> envMap;
+  for (char** e = environ; *e; ++e) {
+    std::string entry = *e;
+    auto eq = entry.find('=');
+    if (eq != std::string::npos) envMap[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& kv : extraEnv) envMap[kv.first] = kv.second;
+  std::vector<std::string> envStrings;
+  for (const auto& kv : envMap) envStrings.push_back(kv.first + "=" + kv.second);
+  std::vector<char*> envp, args;
+  for (auto& s : envStrings) envp.push_back(const_cast<char*>(s.c_str()));
+  envp.push_back(nullptr);
+  std::vector<std::string> argCopy = argv;
+  for (auto& s : argCopy) args.push_back(const_cast<char*>(s.c_str()));
+  args.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, outFd, 1);
+  posix_spawn_file_actions_adddup2(&actions, errFd, 2);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  // Children start with default signal dispositions and an empty mask.
+  sigset_t all, none;
+  sigfillset(&all);
+  sigemptyset(&none);
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  int rc = posix_spawnp(&m_pid, args[0], &actions, &attr, args.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  close(outFd);
+  close(errFd);
+  if (rc != 0) m_pid = -1;
+  return rc == 0;
+}
+
+bool ChildProcess::Signal(int sig) { return m_pid > 0 && kill(m_pid, sig) == 0; }
+
+bool ChildProcess::Wait(std::chrono::milliseconds timeout, int* status) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (m_pid > 0) {
+    int raw = 0;
+    pid_t r = waitpid(m_pid, &raw, WNOHANG);
+    if (r == m_pid) {
+      int code = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+      if (status) *status = code;
+      m_pid = -1;
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+bool ChildProcess::Running() {
+  if (m_pid <= 0) return false;
+  int raw = 0;
+  pid_t r = waitpid(m_pid, &raw, WNOHANG);
+  if (r == m_pid) {
+    m_pid = -1;
+    return false;
+  }
+  return true;
+}
+
+std::string ChildProcess::Stdout() const { return ReadFile(m_out); }
+std::string ChildProcess::Stderr() const { return ReadFile(m_err); }
+
+int FreeLoopbackPort() {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  socklen_t len = sizeof addr;
+  getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
+  int port = ntohs(addr.sin_port);
+  close(s);
+  return port;
+}
+
+namespace {
+bool PortAccepts(int port) {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  bool ok = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  close(s);
+  return ok;
+}
+}  // namespace
+
+ConfigServer::~ConfigServer() { Stop(); }
+
+bool ConfigServer::Start(const std::string& configJson, int port, const std::vector<std::string>& options) {
+  char dirName[] = "/tmp/mcdconf.XXXXXX";
+  if (!mkdtemp(dirName)) return false;
+  m_dir = dirName;
+  WriteFile(m_dir + "/config.json", configJson);
+  m_port = port ? port : FreeLoopbackPort();
+  std::vector<std::string> argv = {"python3",  SourcePath("tools/config_server.py"), "--port", std::to_string(m_port),
+                                   "--config", m_dir + "/config.json", "--log", m_dir + "/requests.log"};
+  argv.insert(argv.end(), options.begin(), options.end());
+  if (!m_process.Start(argv)) return false;
+  return WaitFor([&] { return PortAccepts(m_port); }, std::chrono::seconds(15));
+}
+
+void ConfigServer::Stop() {
+  if (m_process.Running()) {
+    m_process.Signal(SIGTERM);
+    int status;
+    if (!m_process.Wait(std::chrono::seconds(5), &status)) m_process.Signal(SIGKILL), m_process.Wait(std::chrono::seconds(5), &status);
+  }
+}
+
+std::string ConfigServer::url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/"; }
+
+std::vector<std::string> ConfigServer::Requests() const { return ReadLines(m_dir + "/requests.log"); }
+
+PtyPair::PtyPair() {
+  char name[256] = {0};
+  if (openpty(&m_master, &m_slave, name, nullptr, nullptr) == 0) {
+    m_name = name;
+    termios t;
+    tcgetattr(m_master, &t);
+    cfmakeraw(&t);
+    tcsetattr(m_master, TCSANOW, &t);
+  }
+}
+
+PtyPair::~PtyPair() {
+  if (m_master >= 0) close(m_master);
+  if (m_slave >= 0) close(m_slave);
+}
+
+void PtyPair::Write(const std::vector<unsigned char>& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(m_master, bytes.data() + done, bytes.size() - done);
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+}
+
+std::vector<unsigned char> PtyPair::Read(size_t n, std::chrono::milliseconds timeout) {
+  std::vector<unsigned char> out;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (out.size() < n) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    pollfd p{m_master, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+    unsigned char buf[512];
+    ssize_t got = ::read(m_master, buf, std::min(sizeof buf, n - out.size()));
+    if (got <= 0) break;
+    out.insert(out.end(), buf, buf + got);
+  }
+  return out;
+}
+
+}  // namespace mcdtest

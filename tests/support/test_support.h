@@ -1,0 +1,122 @@
+// Shared helpers for the tests: relocated file-system roots, child processes,
+// the configuration server, pseudo-terminals and polling waits.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace mcdtest {
+
+// Path of a file in the source tree (e.g. "tools/config_server.py").
+std::string SourcePath(const std::string& relative);
+// Path of the built daemon binary.
+std::string MainBinary();
+
+// A fresh directory tree for one test: <root>/tmp/, <root>/storage/, <root>/leds/
+// with the two lamp files. Sets MCD_TMP_DIR, MCD_STORAGE_DIR and MCD_LEDS_DIR for this
+// process (and so for children started afterwards) and re-reads them. Removed on
+// destruction unless the test failed and MCD_KEEP_TEST_ROOT is set.
+class TempRoot {
+ public:
+  TempRoot();
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& root() const { return m_root; }
+  std::string tmp(const std::string& rel = "") const { return m_root + "/tmp/" + rel; }
+  std::string storage(const std::string& rel = "") const { return m_root + "/storage/" + rel; }
+  std::string leds(const std::string& rel = "") const { return m_root + "/leds/" + rel; }
+  // Environment entries for a child process that should use this root.
+  std::map<std::string, std::string> env() const;
+
+ private:
+  std::string m_root;
+};
+
+// File helpers.
+bool FileExists(const std::string& path);
+std::string ReadFile(const std::string& path);  // empty when missing
+void WriteFile(const std::string& path, const std::string& text);
+std::vector<std::string> ReadLines(const std::string& path);
+std::vector<std::string> ListDir(const std::string& path);  // sorted names, no . and ..
+
+// Polls pred every 20 ms until it holds or the time-out passes; returns the last result.
+bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
+
+// A child process started with posix_spawn; stdout and stderr go to files.
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  ~ChildProcess();  // kills (SIGKILL) and reaps a child still running
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // argv[0] is the program path. extraEnv is added to (and overrides) this process's
+  // environment. Returns false when the spawn failed.
+  bool Start(const std::vector<std::string>& argv, const std::map<std::string, std::string>& extraEnv = {});
+  pid_t pid() const { return m_pid; }
+  bool Signal(int sig);
+  // Waits for exit; returns true and fills status (exit code, or 128 + signal) when it
+  // ended in time.
+  bool Wait(std::chrono::milliseconds timeout, int* status);
+  bool Running();
+  std::string Stdout() const;
+  std::string Stderr() const;
+  const std::string& StdoutPath() const { return m_out; }
+  const std::string& StderrPath() const { return m_err; }
+
+ private:
+  pid_t m_pid = -1;
+  std::string m_out, m_err;
+};
+
+// A free TCP port on 127.0.0.1 (bound and released).
+int FreeLoopbackPort();
+
+// The configuration server of tools/config_server.py on a loopback port.
+// config: JSON text {"meters": {"<id>": {<get_config result>}}, "get_config2": [...]}.
+// Options: "--garbage N" answers the first N requests with non-JSON text.
+class ConfigServer {
+ public:
+  ConfigServer() = default;
+  ~ConfigServer();
+  // Starts the server on port (0 = a free one) and waits until it accepts.
+  bool Start(const std::string& configJson, int port = 0, const std::vector<std::string>& options = {});
+  void Stop();
+  int port() const { return m_port; }
+  std::string url() const;
+  // The request bodies received so far, one per line, as sent.
+  std::vector<std::string> Requests() const;
+
+ private:
+  ChildProcess m_process;
+  int m_port = 0;
+  std::string m_dir;
+};
+
+// A pseudo-terminal pair in raw mode; the test plays the meter on the master side
+// while the code under test opens slaveName().
+class PtyPair {
+ public:
+  PtyPair();
+  ~PtyPair();
+  int master() const { return m_master; }
+  int slave() const { return m_slave; }
+  const std::string& slaveName() const { return m_name; }
+  // Writes all bytes to the master side.
+  void Write(const std::vector<unsigned char>& bytes);
+  // Reads up to n bytes from the master side, waiting at most timeout in total.
+  std::vector<unsigned char> Read(size_t n, std::chrono::milliseconds timeout);
+
+ private:
+  int m_master = -1, m_slave = -1;
+  std::string m_name;
+};
+
+}  // namespace mcdtest
