@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <mutex>
 #include <string>
 
 #include "app/thread_attached.h"
@@ -27,4 +28,6 @@ class CLed : public myThreadAttached {
   std::ofstream m_stream;
   unsigned int m_flashMicros;
   std::atomic<bool> m_request{false};
+  // Guards the stream: the flash loop and SwichLED(false) both write to it.
+  std::mutex m_streamMutex;
 };

@@ -1,0 +1,72 @@
+#include "transport/led.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "log/logger.h"
+
+namespace {
+
+// Keeps the calling thread from being cancelled while it is inside the stream
+// code, so a cancellation never leaves the stream half-written or its lock held.
+class NoCancel {
+ public:
+  NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old); }
+  ~NoCancel() { pthread_setcancelstate(m_old, nullptr); }
+  NoCancel(const NoCancel&) = delete;
+  NoCancel& operator=(const NoCancel&) = delete;
+
+ private:
+  int m_old = PTHREAD_CANCEL_ENABLE;
+};
+
+}  // namespace
+
+CLed::CLed(const std::string& path, unsigned int flashMicros)
+    : m_path(path), m_stream(path, std::ios::out | std::ios::trunc), m_flashMicros(flashMicros) {
+  // A lamp file that cannot be opened leaves the stream failed; every later
+  // write is then ignored by the stream itself.
+  Write('0');
+  m_request.store(false);
+}
+
+CLed::~CLed() {
+  // The flash loop uses the stream: it is cancelled and joined before the
+  // lamp is switched off for good.
+  stop();
+  Write('0');
+  std::lock_guard<std::mutex> lock(m_streamMutex);
+  m_stream.close();
+}
+
+void CLed::Write(char c) {
+  NoCancel guard;
+  std::lock_guard<std::mutex> lock(m_streamMutex);
+  m_stream.put(c);
+  m_stream.flush();
+}
+
+void CLed::SwichLED(bool on) {
+  if (on) {
+    m_request.store(true);
+    return;
+  }
+  if (m_request.exchange(false)) {
+    Write('0');
+    LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, off.\n", m_path.c_str());
+  }
+}
+
+void CLed::functionThread() {
+  for (;;) {
+    usleep(10000);
+    if (m_request.exchange(false)) {
+      Write('1');
+      LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, shines.\n", m_path.c_str());
+      usleep(m_flashMicros);
+      Write('0');
+      LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, off.\n", m_path.c_str());
+    }
+    pthread_testcancel();
+  }
+}
