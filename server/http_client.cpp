@@ -1,0 +1,69 @@
+#include "server/http_client.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <mutex>
+
+namespace mcd {
+namespace {
+
+std::once_flag g_curlInit;
+
+size_t Collect(char* data, size_t size, size_t count, void* user) {
+  static_cast<std::string*>(user)->append(data, size * count);
+  return size * count;
+}
+
+struct EasyDeleter {
+  void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct ListDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+}  // namespace
+
+HttpClient::HttpClient(const std::string& url) : m_url(url) {
+  std::call_once(g_curlInit, [] { curl_global_init(CURL_GLOBAL_ALL); });
+}
+
+int HttpClient::Send(const std::string& request) {
+  m_received = false;
+  m_response.clear();
+
+  std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
+  if (!curl) return -1;
+  std::unique_ptr<curl_slist, ListDeleter> headers(curl_slist_append(nullptr, "Content-Type: application/json"));
+  if (!headers) return -1;
+
+  CURL* h = curl.get();
+  curl_easy_setopt(h, CURLOPT_URL, m_url.c_str());
+  // The server lives on this machine: never route it through a proxy from the environment.
+  curl_easy_setopt(h, CURLOPT_PROXY, "");
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_POST, 1L);
+  curl_easy_setopt(h, CURLOPT_POSTFIELDS, request.data());
+  curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
+  curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+  curl_easy_setopt(h, CURLOPT_TIMEOUT, kTransferTimeoutSeconds);
+  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &Collect);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &m_response);
+
+  CURLcode rc = curl_easy_perform(h);
+  if (rc != CURLE_OK) {
+    m_response.clear();
+    return static_cast<int>(rc);
+  }
+  m_received = true;
+  return 0;
+}
+
+int HttpClient::Recv(std::string& response) {
+  if (!m_received) return -1;
+  response = m_response;
+  return static_cast<int>(m_response.size());
+}
+
+}  // namespace mcd
