@@ -1,5 +1,6 @@
 #include "app/thread_attached.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include "log/logger.h"
@@ -26,7 +27,18 @@ void myThreadAttached::start(void* argument, const std::string& name) {
   // The flag is raised before the thread exists so that stop() from another thread
   // never misses it; it is lowered again if creation fails.
   m_running.store(true);
-  if (pthread_create(&m_thread, &m_attr, &myThreadAttached::trampoline, argument) != 0) {
+  // Worker threads inherit a mask that blocks the termination signals, so their handler
+  // always runs on the main thread and never interrupts a worker in the middle of a log
+  // line or an allocation.
+  sigset_t blocked, previous;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGINT);
+  sigaddset(&blocked, SIGQUIT);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+  int created = pthread_create(&m_thread, &m_attr, &myThreadAttached::trampoline, argument);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (created != 0) {
     m_running.store(false);
     LOG_CRIT("\e[1;31m\t====> Error while thread \"%s\" creation!\n\e[0m", name.c_str());
   }

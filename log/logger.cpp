@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <string>
 
 std::atomic<logger*> logger::s_instance{nullptr};
@@ -33,6 +34,13 @@ bool writeAll(int fd, const char* data, size_t size) {
     size -= static_cast<size_t>(n);
   }
   return true;
+}
+
+// "<what><strerror>\n" on standard error.
+void writeError(const char* what, int error) {
+  char text[256];
+  int n = snprintf(text, sizeof text, "%s%s\n", what, strerror(error));
+  if (n > 0) writeAll(STDERR_FILENO, text, std::min(static_cast<size_t>(n), sizeof text - 1));
 }
 
 int openLogFile(const char* path) {
@@ -84,14 +92,16 @@ void logger::makePrefix(char* out, size_t size, int level) {
 
 void logger::write(int level, const char* fmt, va_list args) {
   if (level > this->level()) return;
-  // Each call formats into its own buffer: threads never share message text.
+  // Each call formats into its own stack buffers: threads never share message text, and
+  // nothing here allocates, so the signal handler may log through the same path.
   char message[kMessageSize];
   char prefix[kPrefixSize];
   if (m_stderr.load(std::memory_order_relaxed)) {
     vsnprintf(message, sizeof message, fmt, args);
     makePrefix(prefix, sizeof prefix, level);
-    std::string line = std::string(prefix) + message + "\n";
-    writeAll(STDERR_FILENO, line.data(), line.size());
+    char line[kPrefixSize + kMessageSize + 1];
+    int n = snprintf(line, sizeof line, "%s%s\n", prefix, message);
+    if (n > 0) writeAll(STDERR_FILENO, line, static_cast<size_t>(n));
   } else if (m_syslog) {
     vsyslog(level, fmt, args);
   } else {
@@ -105,10 +115,10 @@ void logger::saveToFile(const char* prefix, const char* message) {
   int fd = openLogFile(m_name);
   if (fd < 0) return;
   // prefix + message + "\n" and the terminating zero byte, which goes into the file too
-  std::string line = std::string(prefix) + message + "\n";
-  if (!writeAll(fd, line.c_str(), line.size() + 1)) {
-    std::string err = std::string("[logger::saveToFile()] Can't write to file: ") + strerror(errno) + "\n";
-    writeAll(STDERR_FILENO, err.data(), err.size());
+  char line[kPrefixSize + kMessageSize + 1];
+  int n = snprintf(line, sizeof line, "%s%s\n", prefix, message);
+  if (n > 0 && !writeAll(fd, line, static_cast<size_t>(n) + 1)) {
+    writeError("[logger::saveToFile()] Can't write to file: ", errno);
   }
   fsync(fd);
   close(fd);
@@ -135,10 +145,7 @@ void logger::dump(const char* title, const unsigned char* bytes, size_t count) {
   } else {
     int fd = openLogFile(m_name);
     if (fd < 0) return;
-    if (::write(fd, text.data(), text.size()) < 0) {
-      std::string err = std::string("[logger::dump()] Can't write to file: ") + strerror(errno) + "\n";
-      writeAll(STDERR_FILENO, err.data(), err.size());
-    }
+    if (::write(fd, text.data(), text.size()) < 0) writeError("[logger::dump()] Can't write to file: ", errno);
     fsync(fd);
     close(fd);
   }
