@@ -27,9 +27,10 @@ class CMeterBuffer {
 
   // The byte at position + i. Fails only when i is greater than the remaining count:
   // one past the end is accepted, and so are negative indices (index -1 after the
-  // 3 header bytes is the answer's byte count).
+  // 3 header bytes is the answer's byte count). A cursor over no answer at all fails
+  // for every index instead of reading through a null pointer.
   unsigned char operator[](int i) const {
-    if (i > m_remaining) Fail(m_indexName);
+    if (i > m_remaining || !m_base) Fail(m_indexName);
     return m_base[m_offset + i];
   }
 
