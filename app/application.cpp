@@ -125,7 +125,9 @@ void InstallSignalHandler() {
 
 void CloseDescriptors(rlim_t limit) {
 #ifdef SYS_close_range
-  if (limit > 0 && syscall(SYS_close_range, 0U, static_cast<unsigned>(limit > 0xffffffffULL ? 0xffffffffULL : limit - 1),
+  // rlim_t is 32 bits on armhf: widen before comparing with the 32-bit maximum.
+  const unsigned long long wide = limit;
+  if (limit > 0 && syscall(SYS_close_range, 0U, static_cast<unsigned>(wide > 0xffffffffULL ? 0xffffffffULL : wide - 1),
                            0U) == 0)
     return;
 #endif
