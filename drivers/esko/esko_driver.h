@@ -1,0 +1,165 @@
+// Drivers of the ESKO heat meters MTR-06 (Cmcd_MTR06) and TM-3E (Cmcd_TM3E).
+//
+// Both share one implementation, CEskoDriver; the TM-3E differs only in its link
+// class, its log prefixes, the reversed statistics-version check and its model text.
+// The meter serves three heat systems (0, 1, 2). Current values are read with 'G',
+// identification, system data and integrators with 'R', the clock with 'T' 'G',
+// archives are located by date ('A' 3), checked by the record date ('L'), read by
+// record index ('A' 1) and by date as a page ('A' 4) that is parsed into values.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "drivers/base/base_driver.h"
+#include "drivers/esko/esko_link.h"
+
+struct EskoModel {
+  const char* driverPrefix;  // "Cmcd_MTR06::"
+  const char* loopPrefix;    // "CMcdMTR06::"
+  const char* initPrefix;    // prefix of the init messages ("" for the MTR-06)
+  const char* modelText;     // published model name
+  bool statVer4x;            // true: the meter needs a statistics version 0x4N
+};
+
+// One entry of the raw parameter table of an archive page.
+struct EskoRawParam {
+  const char* name;  // raw parameter name as the meter's documentation calls it
+  const char* kind;  // class of the value: "Value", "TimeOfWork", "Err_Type", ...
+  int size;          // bytes on the page
+  int sys;           // heat system 0..2
+  int dim;           // unit code (index into the unit table)
+  int decPos;        // decimal position (digits after the point)
+  int jsonParm;      // parameter id of the dictionary, -1 when none
+  int encoding;      // EskoRawEncoding
+};
+
+enum EskoRawEncoding { kRawFloat = 0, kRawS16, kRawU16, kRawU8, kRawSkip };
+
+class CEskoDriver : public CMcdBaseDriver {
+ public:
+  ~CEskoDriver() override;
+
+  void SaveConnector(CConnector* connector) override;
+  void init() override;
+  ParamValueList get_all_curtime_cur_integ_values() override;
+  ParamValueList get_all_system_values() override;
+  int GetTimestamps(Timestamps& out) override;
+  int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
+
+  // --- steps, public for tests ---
+  // Reads the system data into the per-system state; false after a link failure.
+  bool GetSystemData();
+  // Locates the record of the ESKO kind (0 hourly, 1 daily) dated t, checks its date
+  // and reads it by index. False when the meter has no such record.
+  bool FindArchRecNum(int eskoKind, time_t t, int& recordIndex);
+  // 'A' 3 find: record number and count of older records for the date.
+  bool FindArchDate(int eskoKind, time_t t, unsigned& recordNumber, unsigned& recordRest);
+  bool CheckArchDate(int eskoKind, const struct tm& got, const struct tm& want) const;
+  // Reads the page dated `want` and parses it when its time lies in [lo, hi].
+  bool ReadArchData(int eskoKind, int type, time_t want, time_t lo, time_t hi, ParamValueList& out);
+  // Checks the page of an answer (reply bytes 0..259) and parses it into out.
+  bool ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type, time_t want, time_t lo, time_t hi,
+                     ParamValueList& out);
+  // Walks the raw parameter table over the page data (reply byte 4 on).
+  int parse_inWork(const mcd::CMeterBuffer& page, int type, time_t stamp, ParamValueList& out);
+
+  static uint8_t CalcCSInverted(const unsigned char* bytes, int count);
+  static int RecordBase(int eskoKind);
+  // The raw parameter table of an archive page, and its entry count.
+  static const EskoRawParam* RawTable(int& count);
+  // Unit text of a raw unit code (1..37); a blank for codes without a unit.
+  const std::string& UnitText(int code) const;
+
+  CEskoLowLevelConnector* Link() const { return m_link.get(); }
+  uint16_t Model() const { return m_model; }
+  const std::string& ModelText() const { return m_modelText; }
+  uint32_t SerialNumber() const { return m_serial; }
+  const std::string& Firmware() const { return m_firmware; }
+  int ArchTypeCode() const { return m_archType; }
+  double RangeM1(int s) const { return m_sys[s].rangeM1; }
+  double RangeM2(int s) const { return m_sys[s].rangeM2; }
+  double GminM1(int s) const { return m_sys[s].gminM1; }
+  double GminM2(int s) const { return m_sys[s].gminM2; }
+  double GmaxM1(int s) const { return m_sys[s].gmaxM1; }
+  double GmaxM2(int s) const { return m_sys[s].gmaxM2; }
+  double GminM1Pct(int s) const { return m_sys[s].gminM1Pct; }
+  double GmaxM1Pct(int s) const { return m_sys[s].gmaxM1Pct; }
+  double DN1(int s) const { return m_sys[s].dn1; }
+  double DN2(int s) const { return m_sys[s].dn2; }
+  int CircuitType(int s) const { return m_sys[s].circuit; }
+  time_t FirstHourArch() const { return m_firstHour; }
+  time_t FirstDayArch() const { return m_firstDay; }
+  // The scheme name published for a circuit type and mode.
+  static std::string SchemeName(int circuitType, int mode);
+
+ protected:
+  explicit CEskoDriver(const EskoModel& model);
+  virtual CEskoLowLevelConnector* MakeLink(CConnector* connector, bool led) = 0;
+
+  const EskoModel& m_info;
+
+ private:
+  struct SystemState {
+    double rangeM1 = 0, rangeM2 = 0;
+    double gminM1Pct = 0, gminM2Pct = 0, gmaxM1Pct = 0, gmaxM2Pct = 0;
+    double gminM1 = 0, gminM2 = 0, gmaxM1 = 0, gmaxM2 = 0;
+    double dn1 = 0, dn2 = 0;
+    int circuit = -1, mode = 0;
+    bool haveCircuit = false, haveGmin = false, haveGmax = false, haveDN = false;
+    uint32_t errors = 0;      // error flags of the last poll
+    time_t archBase = 0;      // time base of archive records
+  };
+
+  struct Images {
+    unsigned char TG[13], TS[13], G[13], R[13], L[13], A1[13], A3[13], A31[13], A4[13], A41[13];
+  };
+
+  mcd::CMeterBuffer Cursor(const ReplyView& view) const;
+  ReplyView Send(unsigned char* image, const char* funcName);
+  ReplyView ReadR(uint16_t address, const char* funcName);
+  ReplyView ReadG(uint16_t address, const char* funcName);
+  void PatchDate(unsigned char* image, int eskoKind, time_t t) const;
+  time_t ReadMeterClock();
+  time_t FindOldest(int eskoKind, time_t newest, int interval);
+  void CalcReal(bool max);
+  void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
+                int sys, time_t stamp, double shown);
+
+  std::unique_ptr<CEskoLowLevelConnector> m_link;
+  Images m_img;
+  uint16_t m_model = 96;
+  std::string m_modelText = "96";
+  uint32_t m_serial = 0;
+  std::string m_firmware;
+  uint32_t m_workOffsetHours = 0;
+  SystemState m_sys[3];
+  int m_archType = 0;
+  time_t m_firstHour = 0;
+  time_t m_firstDay = 0;
+  time_t m_meterTime = 0;
+  time_t m_meterTimeReadAt = 0;  // local clock when the meter time was read
+  bool m_haveTimes = false;
+  bool m_archBroken = false;  // a link failure ended an archive reading
+  std::string m_units[38];
+};
+
+class Cmcd_MTR06 : public CEskoDriver {
+ public:
+  Cmcd_MTR06();
+  ~Cmcd_MTR06() override;
+
+ protected:
+  CEskoLowLevelConnector* MakeLink(CConnector* connector, bool led) override;
+};
+
+class Cmcd_TM3E : public CEskoDriver {
+ public:
+  Cmcd_TM3E();
+  ~Cmcd_TM3E() override;
+
+ protected:
+  CEskoLowLevelConnector* MakeLink(CConnector* connector, bool led) override;
+};
