@@ -1,0 +1,125 @@
+// Driver of the VKT-7 heat calculator.
+//
+// The VKT-7 works by selection: the driver writes which kind of data it wants (a
+// data-type code to 0x3FFD), which elements (the element list, 0x3FFF) and, for
+// archives, which date (0x3FFB), and then reads the prepared data from 0x3FFE.
+// Every answer element is the value (L bytes), a state byte and an error byte.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "drivers/base/base_driver.h"
+#include "drivers/vkt7/vkt7_link.h"
+
+class Cmcd_VKT7 : public CMcdBaseDriver {
+ public:
+  // Data-type codes written to 0x3FFD.
+  enum DataType { kHourly = 0, kDaily = 1, kMonthly = 3, kCurrent = 4, kIntegral = 5, kProperties = 6 };
+  // Kinds of the records produced by the value parser.
+  enum Kind { kKindCurrent = 0, kKindIntegral = 1, kKindMonthly = 2, kKindSystem = 7 };
+  // Quality of system values and of the activity masks.
+  static constexpr int kGoodQuality = 0xC0;
+  // Quality of a value whose state byte is not in the state-to-quality map.
+  static constexpr int kDefaultQuality = 0x40;
+
+  // One row of the element table: how an element of the answer is published.
+  struct Element {
+    int unitKey;    // key of the unit string (44..56); 45 marks float values
+    int digitsKey;  // key of the fraction digits (57..76), 0 = none
+    int param;      // published parameter number
+    int sys;        // heat system (0-based)
+  };
+  static constexpr int kElementCount = 44;
+
+  Cmcd_VKT7();
+  ~Cmcd_VKT7() override;
+
+  void SaveConnector(CConnector* connector) override;
+  void init() override;
+  ParamValueList get_all_curtime_cur_integ_values() override;
+  ParamValueList get_all_system_values() override;
+  int GetTimestamps(Timestamps& out) override;
+  int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
+
+  // --- answer parsers (each takes the answer from its address byte on) ---
+  // Units and fraction digits; the layout depends on base_type.
+  void ParseProperties(CVKT7Buffer answer);
+  // The 6-byte records of 0x3FFC: active list, scheme value, element 2/15 swap.
+  void ParseActiveList(CVKT7Buffer answer);
+  // Version, reporting day and the type byte of 0x3FF9 (new and old meters).
+  void ParseSystemData(CVKT7Buffer answer);
+  // Archive bounds of 0x3FF6 into first_hour_arch / first_day_arch.
+  void ParseTimestamps(CVKT7Buffer answer, Timestamps& out);
+  // The meter clock of 0x3FFB.
+  time_t ParseCurrentTimestamp(CVKT7Buffer answer);
+  // Value answer of the selected elements; kind 0 current, 1 integral, 2 monthly,
+  // 4/5 archives. Returns -1 (and drops nothing it already added) when an element
+  // reports that the activity mask changed, else 0.
+  int parce45inWork(CVKT7Buffer answer, ParamValueList& out, int kind, time_t ts);
+  // Text of an element value of width bytes at the cursor.
+  std::string ParseToString(const CVKT7Buffer& cursor, const Element& row, int width) const;
+  // Quality of a state byte.
+  static int QualityOf(unsigned char state);
+
+  // --- state, for diagnostics and tests ---
+  int BaseType() const { return m_baseType; }
+  void SetBaseType(int type) { m_baseType = type; }
+  const std::map<int, std::string>& Units() const { return m_units; }
+  const std::map<int, unsigned char>& FractionDigits() const { return m_digits; }
+  const std::vector<std::pair<int, int>>& ActiveList() const { return m_active; }
+  int Scheme() const { return m_scheme; }
+  const Element& TableRow(int element) const { return m_table[element]; }
+  unsigned char VersionByte() const { return m_version; }
+  const std::string& VersionString() const { return m_versionText; }
+  const std::string& SerialText() const { return m_serial; }
+  unsigned char ReportingDay() const { return m_reportDay; }
+  unsigned char TypeByte() const { return m_typeByte; }
+
+  // Local time of a meter date: day, month 1..12, year - 2000, hour[, minute, second];
+  // 0 for an all-zero date.
+  static time_t MeterDate(int day, int month, int year, int hour, int minute = 0, int second = 0);
+
+ private:
+  // One exchange; the request is completed with its checksum.
+  CVKT7Buffer Exchange(std::vector<unsigned char>& request, const char* name, bool tolerate);
+  CVKT7Buffer Read(int reg, const char* name, bool tolerate = false);
+  void SelectDataType(int type, const char* name);
+  // False when the meter has no record of that date (error answer code 3).
+  bool SelectDate(time_t t, const char* label);
+
+  void GetAllProperties2();
+  void SyncActiveParameters41(bool dump);
+  void GetSystemData();
+  void ReadFlash();
+  time_t GetCurrentTimestamp();
+  // Reads the selected record of time t (after SelectDate) into out.
+  void ReadRecord(time_t t, int kind, const char* label, const char* name, const char* rereadName,
+                  const char* warning, ParamValueList& out);
+  // Reads the current or integral values (data type already selected).
+  void ReadValues(int kind, const char* name, time_t* ts, ParamValueList& out);
+  void ReadMonthly(time_t t, ParamValueList& out);
+  int parce45inWorkEXTERNAL(const CVKT7Buffer& cursor, int element, int length, ParamValueList& out, int kind,
+                            time_t ts);
+  void AppendValue(ParamValueList& out, int param, int kind, const std::string& value, const std::string& dim,
+                   unsigned char state, unsigned char error, int sys, time_t ts, uint32_t* masks);
+
+  std::unique_ptr<CVKT7LowLevelConnector> m_link;
+  int m_baseType = 0;
+  std::map<int, std::string> m_units;
+  std::map<int, unsigned char> m_digits;
+  std::vector<std::pair<int, int>> m_active;  // (element number, length)
+  int m_scheme = 0;
+  Element m_table[kElementCount];
+  unsigned char m_version = 0;
+  std::string m_versionText;
+  std::string m_serial;
+  unsigned char m_typeByte = 0;
+  unsigned char m_reportDay = 0;
+  unsigned char m_lastSystemByte = 0;
+};
