@@ -1,11 +1,12 @@
 #include "drivers/base/driver_factory.h"
 
 #include "drivers/base/empty_driver.h"
+#include "drivers/vkt7/vkt7_driver.h"
 
 // Each meter family plugs in here: when its driver class exists, its row builds it.
 // Rows whose driver does not exist yet build the empty driver, which reads nothing.
 CMcdBaseDriver* NewDriverFor(const std::string& manufacturer) {
-  if (manufacturer == "vkt-7") return new CMcdEmptyDriver();         // Cmcd_VKT7
+  if (manufacturer == "vkt-7") return new Cmcd_VKT7();
   if (manufacturer == "vkt-9") return new CMcdEmptyDriver();         // Cmcd_VKT9
   if (manufacturer == "esko-mtr-06") return new CMcdEmptyDriver();   // Cmcd_MTR06
   if (manufacturer == "esko-tm3") return new CMcdEmptyDriver();      // Cmcd_TM3E
