@@ -1,0 +1,388 @@
+// The shared polling loop, driven through virtual time by a scripted driver on a real
+// client whose files live under a temporary root.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "fake_driver.h"
+#include "log/logger.h"
+#include "server/jsonrpc_connector.h"
+#include "server/paths.h"
+#include "support/test_support.h"
+#include "tz_fixture.h"
+
+namespace {
+
+using mcdtest::ArchCall;
+using mcdtest::FakeDriver;
+using namespace std::chrono_literals;
+
+// The meter's clock stands at 2016-03-05 10:30:00 (UTC+3).
+constexpr time_t kMeterTime = 1457163000;
+constexpr time_t kHourEnd = kMeterTime - 1800 - 3600;  // 09:00:00, the last complete hour
+constexpr time_t kDayEnd = 1457038800;                  // 2016-03-04 00:00:00, start of yesterday
+constexpr time_t kDay = 86400;
+constexpr time_t kNinetyDays = 7776000;
+constexpr time_t kSixtyDays = 5184000;
+
+class PollingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_logPath = root.root() + "/mcd.log";
+    logger::getInstance(m_logPath.c_str(), false)->setLevel(logger::TL_DEBUG);
+    mcd::SetClock(&clock);
+    client.reset(new CJSONRPCConnector("77", 0));
+  }
+  void TearDown() override {
+    driver.reset();  // cancels and joins the loop thread
+    mcd::SetClock(nullptr);
+    client.reset();
+    delete logger::get();
+  }
+
+  FakeDriver& Make(const ParamMap& config) {
+    driver.reset(new FakeDriver());
+    driver->stamps.meter_time = static_cast<int32_t>(kMeterTime);
+    driver->SetJsonRpcConnector(client.get());
+    driver->SetConfiguration(config);
+    return *driver;
+  }
+  // Hands the first turn over before the thread starts, like the supervision does,
+  // so the first cycle runs at the clock's start time.
+  void Start(const std::string& manufacturer) {
+    driver->SetTurn();
+    driver->start(driver.get(), manufacturer);
+  }
+  bool CycleDone() {
+    return mcdtest::WaitFor([this] { return !driver->GetTurn(); }, 20s);
+  }
+  bool NextCycle() {
+    driver->SetTurn();
+    return CycleDone();
+  }
+
+  std::string Log() const { return mcdtest::ReadFile(m_logPath); }
+  size_t Count(const std::string& text) const {
+    const std::string log = Log();
+    size_t n = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+    return n;
+  }
+  std::string Item(const std::string& name) const { return mcdtest::ReadFile(root.tmp("77/1/tc_items/" + name)); }
+
+  mcdtest::TempRoot root;
+  mcdtest::FakeClock clock{kMeterTime};
+  std::unique_ptr<CJSONRPCConnector> client;
+  std::unique_ptr<FakeDriver> driver;
+
+ private:
+  std::string m_logPath;
+};
+
+void ExpectHourlyBlocks(const std::vector<ArchCall>& calls, time_t from, time_t end) {
+  ASSERT_FALSE(calls.empty());
+  for (size_t i = 0; i < calls.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(calls[i].type, ARCH_HOURLY);
+    EXPECT_EQ(calls[i].from, from + static_cast<time_t>(i) * kDay);
+    EXPECT_EQ(calls[i].to, std::min(calls[i].from + 82800, end));
+  }
+  EXPECT_LE(calls.back().from, end);
+  EXPECT_GT(calls.back().from + kDay, end);
+}
+
+TEST_F(PollingTest, ShortPeriodHoldsFirstArchivesBackLongerPeriodReadsAtOnce) {
+  Make({{"period_current", "600"}});
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->currents.load(), 1);
+  EXPECT_TRUE(driver->Calls().empty());
+  driver.reset();
+
+  clock.Set(kMeterTime);
+  Make({{"period_current", "601"}});
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->Calls(ARCH_HOURLY).size(), 91u);
+  EXPECT_EQ(driver->Calls(ARCH_DAILY).size(), 1u);
+}
+
+TEST_F(PollingTest, ArchiveWindowsForMeterClockAtHalfPastTen) {
+  auto& d = Make({});
+  // The local clock runs 100 s ahead of the meter: the next check is one minute past
+  // the meter's next full hour, expressed on the local clock.
+  clock.Set(kMeterTime + 100);
+  EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 100 + 1860);
+  auto hourly = d.Calls(ARCH_HOURLY);
+  EXPECT_EQ(hourly.size(), 91u);
+  ExpectHourlyBlocks(hourly, kHourEnd - kNinetyDays, kHourEnd);
+  EXPECT_EQ(hourly.back().from, kHourEnd);
+  EXPECT_EQ(hourly.back().to, kHourEnd);  // the walk ends at 09:00:00
+
+  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 100 + 1860);
+  auto daily = d.Calls(ARCH_DAILY);
+  ASSERT_EQ(daily.size(), 1u);
+  EXPECT_EQ(daily[0].from, kDayEnd - kNinetyDays);
+  EXPECT_EQ(daily[0].to, kDayEnd);
+}
+
+TEST_F(PollingTest, FirstRecordAndLastFiledTimeRaiseTheLowerBound) {
+  auto& d = Make({});
+  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay + 3600);
+  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd - 10 * kDay);
+  d.ReadHourlyArch();
+  d.ReadDailyArch();
+  auto hourly = d.Calls(ARCH_HOURLY);
+  EXPECT_EQ(hourly.size(), 5u);
+  ExpectHourlyBlocks(hourly, d.stamps.first_hour_arch, kHourEnd);
+  EXPECT_EQ(hourly.back().to, kHourEnd);
+  ASSERT_EQ(d.Calls(ARCH_DAILY).size(), 1u);
+  EXPECT_EQ(d.Calls(ARCH_DAILY)[0].from, kDayEnd - 10 * kDay);
+
+  // Filed up to 06:00 and two days ago: only what is newer is asked for.
+  auto& e = Make({});
+  e.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay);
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, kHourEnd - 3 * 3600));
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, kDayEnd - 2 * kDay));
+  e.ReadHourlyArch();
+  e.ReadDailyArch();
+  auto calls = e.Calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].type, ARCH_HOURLY);
+  EXPECT_EQ(calls[0].from, kHourEnd - 2 * 3600);
+  EXPECT_EQ(calls[0].to, kHourEnd);
+  EXPECT_EQ(calls[1].type, ARCH_DAILY);
+  EXPECT_EQ(calls[1].from, kDayEnd - kDay);
+  EXPECT_EQ(calls[1].to, kDayEnd);
+
+  // Everything filed: nothing is asked, the next check is still scheduled.
+  auto& f = Make({});
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, kHourEnd));
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, kDayEnd));
+  EXPECT_EQ(f.ReadHourlyArch(), kMeterTime + 1860);
+  EXPECT_EQ(f.ReadDailyArch(), kMeterTime + 1860);
+  EXPECT_TRUE(f.Calls().empty());
+  EXPECT_FALSE(f.ArchivesLag());
+}
+
+TEST_F(PollingTest, OmegaReadsSixtyDaysBack) {
+  Make({{"period_current", "601"}});
+  Start("omega-tr");
+  ASSERT_TRUE(CycleDone());
+  auto hourly = driver->Calls(ARCH_HOURLY);
+  EXPECT_EQ(hourly.size(), 61u);
+  ExpectHourlyBlocks(hourly, kHourEnd - kSixtyDays, kHourEnd);
+  ASSERT_EQ(driver->Calls(ARCH_DAILY).size(), 1u);
+  EXPECT_EQ(driver->Calls(ARCH_DAILY)[0].from, kDayEnd - kSixtyDays);
+}
+
+TEST_F(PollingTest, CycleRunsStepsInOrderAndLogsEmptyResults) {
+  Make({{"period_current", "601"}});
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  const std::string log = Log();
+  const char* order[] = {
+      "CMcdBaseDriver::functionThread begin execute thread.",
+      "CMcdBaseDriver::functionThread - the original state of the connection controller.",
+      "CMcdBaseDriver::functionThread system info is absent.",
+      "CMcdBaseDriver::functionThread - connecting to controller registered.",
+      "CMcdBaseDriver::functionThread begin all current values.",
+      "CMcdBaseDriver::functionThread end all current values.",
+      "CMcdBaseDriver::ReadHourlyArch archieve hourly info is absent.",
+      "CMcdBaseDriver::ReadDailyArch archieve daily info is absent.",
+  };
+  size_t at = 0;
+  for (const char* text : order) {
+    size_t found = log.find(text, at);
+    ASSERT_NE(found, std::string::npos) << "missing or out of order: " << text << "\n" << log;
+    at = found;
+  }
+  // An empty block does not stop the walk; nothing is filed for empty blocks.
+  EXPECT_EQ(Count("archieve hourly info is absent."), 91u);
+  EXPECT_EQ(Count("readed all"), 0u);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), 0);
+  EXPECT_TRUE(mcdtest::ListDir(root.storage("77/1/tc_archives")).empty());
+  // Current values are filed, the link is recorded as up, and the archives lag.
+  EXPECT_EQ(Item("T1"), "55.5\n");
+  EXPECT_EQ(Item("Connected"), "1\n");
+  EXPECT_EQ(driver->inits.load(), 1);
+  EXPECT_FALSE(driver->ArchivesCurrent());
+}
+
+TEST_F(PollingTest, ReadValuesAreFiledAndArchivesCountAsCurrent) {
+  auto& d = Make({{"period_current", "601"}});
+  d.fillArchives = true;
+  d.systemValues = true;
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(Count("CMcdBaseDriver::ReadHourlyArch readed all hourly values."), 91u);
+  EXPECT_EQ(Count("CMcdBaseDriver::ReadDailyArch readed all daily values."), 1u);
+  EXPECT_EQ(Count("is absent."), 0u);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")).size(), 91u);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A48")).size(), 1u);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), kDayEnd);
+  EXPECT_EQ(Item("SerialNumber"), "SN-1001\n");
+  EXPECT_TRUE(driver->ArchivesCurrent());
+
+  // The next cycle finds nothing new to ask for.
+  clock.Set(kMeterTime + 4000);
+  ASSERT_TRUE(NextCycle());
+  EXPECT_EQ(driver->Calls().size(), 92u);
+  EXPECT_EQ(driver->currents.load(), 2);
+  EXPECT_EQ(driver->inits.load(), 1);
+}
+
+TEST_F(PollingTest, ReservedPortNeverCountsAsCurrent) {
+  auto& d = Make({{"period_current", "601"}, {"port_alias", "serial232.D"}});
+  d.fillArchives = true;
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
+  EXPECT_TRUE(driver->IsReservedPort());
+  EXPECT_FALSE(driver->ArchivesCurrent());
+}
+
+TEST_F(PollingTest, PauseAtStartHoldsTheTurnBeforeInit) {
+  Make({});
+  mcdtest::WriteFile(root.tmp("pause_qmd"), "");
+  Start("tem-104");
+  const long sleeps = clock.sleeps();
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return clock.sleeps() > sleeps + 50; }, 10s));
+  EXPECT_EQ(driver->inits.load(), 0);
+  EXPECT_TRUE(driver->GetTurn());
+  EXPECT_EQ(Item("Connected"), "0\n");  // link state 0 is recorded before the pause
+  unlink(root.tmp("pause_qmd").c_str());
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->inits.load(), 1);
+  EXPECT_EQ(Item("Connected"), "1\n");
+}
+
+TEST_F(PollingTest, PauseStartedMidCycleSkipsOnlyTheRemainingSteps) {
+  const std::string pause = root.tmp("pause_qmd");
+  auto& d = Make({{"period_current", "601"}});
+  d.onCurrent = [pause] { mcdtest::WriteFile(pause, ""); };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());  // the turn is still given back
+  EXPECT_EQ(driver->currents.load(), 1);
+  EXPECT_TRUE(driver->Calls().empty());
+  // The next cycle skips the current values as well.
+  ASSERT_TRUE(NextCycle());
+  EXPECT_EQ(driver->currents.load(), 1);
+  EXPECT_TRUE(driver->Calls().empty());
+  driver.reset();
+  unlink(pause.c_str());
+
+  // A driver on a reserved port ignores "pause_qmd".
+  clock.Set(kMeterTime);
+  auto& r = Make({{"period_current", "601"}, {"port_alias", "serial485.4"}});
+  r.onCurrent = [pause] { mcdtest::WriteFile(pause, ""); };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->Calls().size(), 92u);
+}
+
+TEST_F(PollingTest, PauseAllStopsReservedPortsToo) {
+  const std::string pauseAll = root.tmp("pause_qmd_all");
+  auto& d = Make({{"period_current", "601"}, {"port_alias", "serial232.0"}});
+  d.onSystem = [pauseAll] { mcdtest::WriteFile(pauseAll, ""); };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->currents.load(), 0);
+  EXPECT_TRUE(driver->Calls().empty());
+  EXPECT_FALSE(driver->MayPoll());
+  unlink(pauseAll.c_str());
+  EXPECT_TRUE(driver->MayPoll());
+}
+
+TEST_F(PollingTest, ForceUpdateEndsTheWaitAndIsConsumed) {
+  auto& d = Make({});
+  const std::string flag = client->GetForceUpdateFile();
+  time_t created = 0;
+  clock.onSleep = [&](time_t now) {
+    if (!created && now >= kMeterTime + 21) {
+      mcdtest::WriteFile(flag, "");
+      created = now;
+    }
+  };
+  d.Wait(600, false);
+  ASSERT_NE(created, 0);
+  EXPECT_GE(clock.Now(), created);
+  EXPECT_LE(clock.Now(), created + 2);
+  EXPECT_FALSE(mcdtest::FileExists(flag));
+
+  // Without the flag the wait lasts its full time in 2-second steps.
+  clock.onSleep = nullptr;
+  clock.Set(kMeterTime);
+  const long before = clock.sleeps();
+  d.Wait(600, true);
+  EXPECT_EQ(clock.Now(), kMeterTime + 600);
+  EXPECT_EQ(clock.sleeps() - before, 300);
+
+  // A second or less does not wait at all.
+  d.Wait(1, false);
+  d.Wait(0, false);
+  d.Wait(-5, false);
+  EXPECT_EQ(clock.sleeps() - before, 300);
+}
+
+TEST_F(PollingTest, FailedTimestampsRetryInTenSecondsAndReportNoLag) {
+  auto& d = Make({});
+  d.failTimestamps = 3;
+  clock.Set(kMeterTime + 7);
+  EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 17);
+  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 17);
+  EXPECT_FALSE(d.ArchivesLag());  // nothing filed, but no answer means no lag
+  EXPECT_TRUE(d.Calls().empty());
+  EXPECT_TRUE(d.ArchivesLag());
+
+  // In the loop: the first cycle's four time requests fail, the next cycle reads.
+  clock.Set(kMeterTime);
+  auto& e = Make({{"period_current", "601"}});
+  e.failTimestamps = 4;
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_TRUE(driver->Calls().empty());
+  EXPECT_TRUE(driver->ArchivesCurrent());
+  ASSERT_TRUE(NextCycle());
+  EXPECT_EQ(driver->Calls().size(), 92u);
+  EXPECT_FALSE(driver->ArchivesCurrent());
+}
+
+TEST_F(PollingTest, Vkt7HoldOffAfterRecentConnection) {
+  auto& d = Make({});
+  client->WriteVKT7Timestamp();
+  const time_t started = client->ReadVKT7Timestamp();
+  ASSERT_GT(started, 0);
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, started));
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, started));
+  clock.Set(started + 100);
+  d.WaitVKT7();
+  EXPECT_GE(clock.Now(), started + 5400);
+  EXPECT_LE(clock.Now(), started + 5402);
+  EXPECT_EQ(Count("CMcdBaseDriver::WaitVKT7 sleeping 5300 seconds"), 1u);
+
+  // No VKT-9 connection was recorded: no hold-off.
+  clock.Set(started + 100);
+  d.WaitVKT9();
+  EXPECT_EQ(clock.Now(), started + 100);
+
+  // Archives three days behind: no hold-off.
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, started + 100 - 259201));
+  d.WaitVKT7();
+  EXPECT_EQ(clock.Now(), started + 100);
+}
+
+TEST_F(PollingTest, Vkt7ThreadRecordsItsConnectionStart) {
+  Make({{"period_current", "600"}});
+  ASSERT_EQ(client->ReadVKT7Timestamp(), 0);
+  Start("vkt-7");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_GT(client->ReadVKT7Timestamp(), 0);
+  EXPECT_EQ(client->ReadVKT9Timestamp(), 0);
+}
+
+}  // namespace
