@@ -1,6 +1,7 @@
 #include "drivers/base/driver_factory.h"
 
 #include "drivers/base/empty_driver.h"
+#include "drivers/esko/esko_driver.h"
 #include "drivers/vkt7/vkt7_driver.h"
 
 // Each meter family plugs in here: when its driver class exists, its row builds it.
@@ -8,8 +9,8 @@
 CMcdBaseDriver* NewDriverFor(const std::string& manufacturer) {
   if (manufacturer == "vkt-7") return new Cmcd_VKT7();
   if (manufacturer == "vkt-9") return new CMcdEmptyDriver();         // Cmcd_VKT9
-  if (manufacturer == "esko-mtr-06") return new CMcdEmptyDriver();   // Cmcd_MTR06
-  if (manufacturer == "esko-tm3") return new CMcdEmptyDriver();      // Cmcd_TM3E
+  if (manufacturer == "esko-mtr-06") return new Cmcd_MTR06();
+  if (manufacturer == "esko-tm3") return new Cmcd_TM3E();
   if (manufacturer == "tem-104") return new CMcdEmptyDriver();       // CmcdTEM104
   if (manufacturer == "tsm-104") return new CMcdEmptyDriver();       // CmcdTEM106
   if (manufacturer == "tem-106") return new CMcdEmptyDriver();       // CmcdTEM106
