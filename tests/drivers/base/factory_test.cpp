@@ -1,0 +1,122 @@
+// Driver selection, the stored configuration and the empty driver.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+
+#include "drivers/base/driver_factory.h"
+#include "drivers/base/empty_driver.h"
+#include "fake_driver.h"
+#include "server/jsonrpc_connector.h"
+#include "support/test_support.h"
+#include "tz_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+bool IsEmptyDriver(const std::string& manufacturer) {
+  std::unique_ptr<CMcdBaseDriver> driver(NewDriverFor(manufacturer));
+  return driver && dynamic_cast<CMcdEmptyDriver*>(driver.get()) != nullptr;
+}
+
+TEST(DriverSelection, UnknownOrInexactNamesGetTheEmptyDriver) {
+  EXPECT_TRUE(IsEmptyDriver(""));
+  EXPECT_TRUE(IsEmptyDriver("VKT-7"));
+  EXPECT_TRUE(IsEmptyDriver("vkt-7 "));
+  EXPECT_TRUE(IsEmptyDriver("Esko-MTR-06"));
+  EXPECT_TRUE(IsEmptyDriver("something else"));
+  // Every known key builds a driver (its own class, or the empty one until it exists).
+  for (const char* key : {"vkt-7", "vkt-9", "esko-mtr-06", "esko-tm3", "tem-104", "tsm-104", "tem-106", "km5-6i",
+                          "magika-axxx", "tsrv-024m", "mkts", "elteko-ts555", "teleross-tm", "omega-tr"}) {
+    std::unique_ptr<CMcdBaseDriver> driver(NewDriverFor(key));
+    EXPECT_NE(driver, nullptr) << key;
+  }
+}
+
+TEST(DriverConfiguration, LedIndicationAndReservedPort) {
+  CMcdEmptyDriver driver;
+  struct Case {
+    ParamMap map;
+    bool led;
+    bool reserved;
+  };
+  const Case cases[] = {
+      {{}, true, false},
+      {{{"led_indication", "0"}}, false, false},
+      {{{"led_indication", "1"}}, true, false},
+      {{{"led_indication", "7"}}, true, false},
+      {{{"led_indication", "off"}}, false, false},
+      {{{"led_indication", ""}}, false, false},
+      {{{"port_alias", "serial232.0"}}, true, true},
+      {{{"port_alias", "serial232.D"}}, true, true},
+      {{{"port_alias", "serial485.4"}}, true, true},
+      {{{"port_alias", "serial485.3"}}, true, false},
+      {{{"port_alias", "SERIAL232.D"}}, true, false},
+      {{{"port_alias", ""}}, true, false},
+  };
+  for (const auto& c : cases) {
+    driver.SetConfiguration(c.map);
+    EXPECT_EQ(driver.GetLedIndication(), c.led) << (c.map.empty() ? "" : c.map.begin()->second);
+    EXPECT_EQ(driver.IsReservedPort(), c.reserved) << (c.map.empty() ? "" : c.map.begin()->second);
+    EXPECT_EQ(driver.GetConfiguration(), c.map);
+  }
+}
+
+TEST(EmptyDriver, ReadsNothing) {
+  CMcdEmptyDriver driver;
+  driver.init();
+  EXPECT_TRUE(driver.get_all_curtime_cur_integ_values().empty());
+  EXPECT_TRUE(driver.get_all_system_values().empty());
+  Timestamps stamps;
+  EXPECT_EQ(driver.GetTimestamps(stamps), 0);
+  ParamValueList out;
+  EXPECT_EQ(driver.get_arch_values(ARCH_HOURLY, 0, 100, out), -1);
+  EXPECT_TRUE(out.empty());
+}
+
+class FactoryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mcd::SetClock(&clock);
+    client.reset(new CJSONRPCConnector("31", 0));
+  }
+  void TearDown() override {
+    driver.reset();
+    mcd::SetClock(nullptr);
+    client.reset();
+  }
+  mcdtest::TempRoot root;
+  mcdtest::FakeClock clock{1457163000};
+  std::unique_ptr<CJSONRPCConnector> client;
+  std::unique_ptr<CMcdBaseDriver> driver;
+};
+
+TEST_F(FactoryTest, CreateDriverWiresConfiguresAndStartsUnderTheManufacturerName) {
+  const ParamMap meter{{"led_indication", "0"}, {"port_alias", "serial232.0"}, {"period_current", "30"}};
+  driver.reset(CreateDriver(meter, nullptr, client.get()));
+  ASSERT_NE(driver, nullptr);
+  EXPECT_NE(dynamic_cast<CMcdEmptyDriver*>(driver.get()), nullptr);
+  EXPECT_TRUE(driver->isRunning());
+  EXPECT_EQ(driver->threadName(), "");  // no manufacturer: the empty name
+  EXPECT_EQ(driver->GetClient(), client.get());
+  EXPECT_EQ(driver->GetConfiguration(), meter);
+  EXPECT_FALSE(driver->GetLedIndication());
+  EXPECT_TRUE(driver->IsReservedPort());
+  EXPECT_FALSE(driver->ArchivesCurrent());
+}
+
+TEST_F(FactoryTest, EmptyDriverLoopRecordsTheLinkAndGivesTheTurnBack) {
+  driver.reset(CreateDriver({{"manufacturer", "Teleross-TM"}, {"period_current", "20"}}, nullptr, client.get()));
+  EXPECT_EQ(driver->threadName(), "Teleross-TM");
+  driver->SetTurn();
+  ASSERT_TRUE(mcdtest::WaitFor([this] { return !driver->GetTurn(); }, 20s));
+  EXPECT_EQ(mcdtest::ReadFile(root.tmp("31/1/tc_items/Connected")), "1\n");
+  EXPECT_EQ(mcdtest::ListDir(root.tmp("31/1/tc_items")), std::vector<std::string>{"Connected"});
+  EXPECT_TRUE(driver->ArchivesCurrent());  // no time answer counts as no lag
+  // The turn goes round again.
+  driver->SetTurn();
+  ASSERT_TRUE(mcdtest::WaitFor([this] { return !driver->GetTurn(); }, 20s));
+}
+
+}  // namespace
