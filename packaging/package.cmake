@@ -1,0 +1,46 @@
+# Debian package of the collector, made with CPack from the top-level build:
+#   cmake --build <dir> --target mcd_main && (cd <dir> && cpack -G DEB)
+# gives <dir>/mcd-main_<version>_<arch>.deb.
+
+set(MCD_PACKAGING_DIR ${CMAKE_CURRENT_LIST_DIR})
+
+# The binary itself is installed by the top-level install(TARGETS mcd_main ...) into bin/.
+install(FILES ${MCD_PACKAGING_DIR}/mcd_main@.service DESTINATION lib/systemd/system)
+install(FILES ${MCD_PACKAGING_DIR}/default DESTINATION /etc/default RENAME mcd_main)
+
+if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  set(MCD_DEB_ARCH armhf)
+else()
+  find_program(MCD_DPKG dpkg)
+  if(MCD_DPKG)
+    execute_process(COMMAND ${MCD_DPKG} --print-architecture
+                    OUTPUT_VARIABLE MCD_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE)
+  else()
+    set(MCD_DEB_ARCH amd64)
+  endif()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME mcd-main)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "mcd_main maintainers <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "heat-meter data collection daemon")
+set(CPACK_PACKAGE_DESCRIPTION "Reads heat meters over a serial line, taking each meter's \
+configuration from the controller's local configuration server, and files current values \
+under /tmp and archive records under /mnt/storage.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${MCD_DEB_ARCH})
+set(CPACK_DEBIAN_PACKAGE_SECTION misc)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# Written out rather than computed by dpkg-shlibdeps, which cannot see the armhf
+# libraries of a cross build: the run-time libraries of Debian 12 the binary links.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libjsoncpp25 (>= 1.9.5), libcurl4 (>= 7.74.0), libmodbus5 (>= 3.1.6)")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${MCD_PACKAGING_DIR}/postinst ${MCD_PACKAGING_DIR}/prerm ${MCD_PACKAGING_DIR}/postrm
+    ${MCD_PACKAGING_DIR}/conffiles)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+include(CPack)
