@@ -120,7 +120,7 @@ CEskoDriver::CEskoDriver(const EskoModel& model) : m_info(model) {
   set(m_img.A31, 'A', 3, 1);
   set(m_img.A4, 'A', 4, 0);
   set(m_img.A41, 'A', 4, 1);
-  for (auto& unit : m_units) unit = " ";
+  FillUnits();
 }
 
 CEskoDriver::~CEskoDriver() { stop(); }
@@ -219,15 +219,7 @@ void CEskoDriver::SaveConnector(CConnector* connector) {
   LOG_INFO("%sSaveConnector: net_addr = %d\r\n", m_info.driverPrefix, m_link->GetNetAddress());
 }
 
-void CEskoDriver::init() {
-  for (auto& s : m_sys) s = SystemState();
-  m_firstHour = m_firstDay = 0;
-  m_haveTimes = false;
-  m_archType = 3;
-  m_model = 96;
-  m_serial = 0;
-  m_firmware.clear();
-
+void CEskoDriver::FillUnits() {
   static const struct {
     int code;
     const char* text;
@@ -237,6 +229,18 @@ void CEskoDriver::init() {
                 {22, "%"},   {23, "мм"},   {24, "л/ч"}};
   for (auto& unit : m_units) unit = " ";
   for (const auto& u : kUnits) m_units[u.code] = u.text;
+}
+
+void CEskoDriver::init() {
+  for (auto& s : m_sys) s = SystemState();
+  m_firstHour = m_firstDay = 0;
+  m_haveTimes = false;
+  m_archType = 3;
+  m_model = 96;
+  m_serial = 0;
+  m_firmware.clear();
+
+  FillUnits();
 
   const char* p = m_info.initPrefix;
   try {

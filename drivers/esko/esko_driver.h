@@ -125,6 +125,7 @@ class CEskoDriver : public CMcdBaseDriver {
   time_t ReadMeterClock();
   time_t FindOldest(int eskoKind, time_t newest, int interval);
   void CalcReal(bool max);
+  void FillUnits();
   void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
                 int sys, time_t stamp, double shown);
 

@@ -26,6 +26,9 @@ inline const std::string& LogPath() {
     char name[] = "/tmp/esko_test_log_XXXXXX";
     int fd = mkstemp(name);
     if (fd >= 0) close(fd);
+    static std::string removeAtExit;
+    removeAtExit = name;
+    std::atexit([] { unlink(removeAtExit.c_str()); });
     return std::string(name);
   }();
   static logger* log = [] {
