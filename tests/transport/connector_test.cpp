@@ -181,12 +181,6 @@ TEST_F(ConnectorTest, MissingDeviceStillYieldsAConnector) {
   EXPECT_EQ(-1, c->drain());
 }
 
-TEST_F(ConnectorTest, NameDefaultsToTtyS1) {
-  CConnector* raw = CConnector::CreateConnector({});
-  std::unique_ptr<CConnector> c(raw);
-  EXPECT_EQ("/dev/ttyS1", c->GetName());
-}
-
 TEST_F(ConnectorTest, WriteAndReadMoveBytesBothWays) {
   auto c = Open({{"speed", "19200"}});
   const unsigned char frame[] = {0x01, 0x03, 0x00, 0x10, 0xff};
@@ -330,19 +324,6 @@ TEST_F(ConnectorTest, SignalDuringReadRestartsTheFullWait) {
   EXPECT_EQ(0, log.Count("Timeout"));
 }
 
-TEST_F(ConnectorTest, SignalDuringCycleRestartsTheWait) {
-  auto c = Open({});
-  unsigned char in[1] = {0};
-  int got;
-  {
-    Interrupter interrupter(pty, milliseconds(200), milliseconds(400));
-    got = c->ReadBufferCycle(in, 1, false, 300);
-  }
-  EXPECT_EQ(1, g_signals.load());
-  EXPECT_EQ(1, got);
-  EXPECT_EQ(0x42, in[0]);
-}
-
 TEST_F(ConnectorTest, ClosedPortFailsAndReopens) {
   auto c = Open({});
   c->close_device();
@@ -365,18 +346,10 @@ TEST_F(ConnectorTest, OpeningAnOpenPortDoesNotLeakDescriptors) {
   EXPECT_EQ(before, OpenDescriptors());
 }
 
-TEST_F(ConnectorTest, LampsLiveUnderTheLedRootAndRunTheirThreads) {
-  auto c = Open({});
-  ASSERT_NE(nullptr, c->GetLedA());
-  EXPECT_EQ(root.leds("kr_red"), c->GetLedA()->GetPath());
-  EXPECT_EQ(root.leds("lan"), c->GetLedB()->GetPath());
-  EXPECT_TRUE(c->GetLedA()->isRunning());
-  EXPECT_EQ("manager LED \"A\"", c->GetLedA()->threadName());
-  EXPECT_EQ("manager LED \"B\"", c->GetLedB()->threadName());
-}
-
 TEST_F(ConnectorTest, WritesFlashLampAReadsFlashLampB) {
   auto c = Open({});
+  EXPECT_EQ("manager LED \"A\"", c->GetLedA()->threadName());
+  EXPECT_EQ("manager LED \"B\"", c->GetLedB()->threadName());
   const unsigned char b[1] = {0x55};
   ASSERT_EQ(1, c->WriteBuffer(b, 1, true));
   EXPECT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(root.leds("kr_red")) == "010"; }, seconds(2)));

@@ -27,16 +27,11 @@ class LedTest : public ::testing::Test {
   std::string Off() const { return "CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n"; }
 };
 
-TEST_F(LedTest, ConstructionSwitchesTheLampOffWithoutAThread) {
-  mcdtest::WriteFile(path, "1111");
-  CLed led(path, 1000);
-  EXPECT_EQ("0", ReadFile(path));
-  EXPECT_FALSE(led.isRunning());
-  EXPECT_FALSE(led.RequestPending());
-}
-
 TEST_F(LedTest, RequestsBetweenTwoChecksGiveOneFlash) {
+  mcdtest::WriteFile(path, "1111");
   auto led = std::make_unique<CLed>(path, 20000);
+  EXPECT_EQ("0", ReadFile(path));  // built switched off, thread not yet started
+  EXPECT_FALSE(led->isRunning());
   led->SwichLED(true);
   led->SwichLED(true);
   led->SwichLED(true);
