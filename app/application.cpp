@@ -131,7 +131,10 @@ void CloseDescriptors(rlim_t limit) {
                            0U) == 0)
     return;
 #endif
-  for (rlim_t fd = 0; fd < limit; ++fd) close(static_cast<int>(fd));
+  // Without close_range: one close per descriptor number. An unlimited hard limit is
+  // bounded by the largest descriptor number the kernel hands out.
+  const unsigned long long bound = limit == RLIM_INFINITY ? (1ULL << 20) : static_cast<unsigned long long>(limit);
+  for (unsigned long long fd = 0; fd < bound; ++fd) close(static_cast<int>(fd));
 }
 
 // Detaches from the terminal: the parent exits 0, the child goes on in a new session

@@ -1,0 +1,354 @@
+// Runs the real mcd_main binary: command-line errors, the configuration exchange with a
+// local server, signals and daemon mode.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/test_support.h"
+
+namespace {
+
+using mcdtest::ChildProcess;
+using mcdtest::ConfigServer;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+const char kFirstRequest[] = R"({"id":1,"jsonrpc":"2.0","method":"get_config","params":{"heat_meter":"7"}})";
+const char kSetupDone[] = "main - set-up done:";
+const char kRed[] = "\x1b[1;31m";
+const char kReset[] = "\x1b[0m";
+const std::string kSeparator(57, '-');
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
+  return n;
+}
+
+// Runs the binary to its end with the given arguments.
+struct Finished {
+  int status = -1;
+  std::string out, err;
+};
+Finished RunToEnd(const std::vector<std::string>& args) {
+  ChildProcess child;
+  std::vector<std::string> argv = {mcdtest::MainBinary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Finished f;
+  EXPECT_TRUE(child.Start(argv));
+  EXPECT_TRUE(child.Wait(seconds(30), &f.status));
+  f.out = child.Stdout();
+  f.err = child.Stderr();
+  return f;
+}
+
+TEST(MainBinary, CommandLineErrorsAndImmediateOptions) {
+  const std::string usage = [] {
+    std::string text = "Usage: " + mcdtest::MainBinary() + " [options]\n";
+    return text;
+  }();
+  const std::string level = "\nmain: Unacceptable logs level!\n\n";
+
+  for (const char* bad : {"8", "x", "6x"}) {
+    SCOPED_TRACE(bad);
+    Finished f = RunToEnd({"-i", "7", "-v", bad});
+    EXPECT_EQ(1, f.status);
+    EXPECT_EQ(level, f.err);
+    EXPECT_EQ(0u, f.out.find(usage)) << f.out;
+    EXPECT_EQ(18u, Count(f.out, "\n"));  // the whole usage text, 18 lines
+  }
+
+  Finished f = RunToEnd({"-r", "-v", "9"});
+  EXPECT_EQ(0, f.status);
+  EXPECT_EQ("version 1.3.32 (2016.11.08)\n", f.out);
+  EXPECT_EQ("", f.err);
+
+  f = RunToEnd({"-v", "9", "-r"});
+  EXPECT_EQ(1, f.status);
+  EXPECT_EQ(level, f.err);
+
+  f = RunToEnd({"-i", "7", "-l", ""});
+  EXPECT_EQ(1, f.status);
+  EXPECT_EQ("\nmain: Error logs file name!\n\n", f.err);
+  EXPECT_EQ(0u, f.out.find(usage));
+
+  f = RunToEnd({"-i", "7", "-s", "x"});
+  EXPECT_EQ(1, f.status);
+  EXPECT_EQ("\nmain: Unacceptable max logfile size!\n\n", f.err);
+  EXPECT_EQ(0u, f.out.find(usage));
+
+  f = RunToEnd({"-e", "-v", "7"});
+  EXPECT_EQ(1, f.status);
+  EXPECT_EQ("\nmain: Do not set any ID of HeatMeter!\n\n", f.err);
+  EXPECT_EQ("", f.out);
+
+  f = RunToEnd({"--help"});
+  EXPECT_EQ(0, f.status);
+  EXPECT_EQ(0u, f.out.find(usage));
+  EXPECT_NE(std::string::npos, f.out.find("0 - unlimit\n"));
+
+  // an unknown option is passed over with getopt's own message
+  f = RunToEnd({"-x", "-r"});
+  EXPECT_EQ(0, f.status);
+  EXPECT_EQ("version 1.3.32 (2016.11.08)\n", f.out);
+  EXPECT_NE(std::string::npos, f.err.find("invalid option -- 'x'")) << f.err;
+}
+
+// One daemon run against a local configuration server, all under a fresh root.
+class DaemonRun : public ::testing::Test {
+ protected:
+  std::map<std::string, std::string> Env(int port) {
+    auto env = root.env();
+    env["MCD_SERVER_URL"] = "http://127.0.0.1:" + std::to_string(port) + "/";
+    env["MCD_TIME_SCALE"] = "50";
+    return env;
+  }
+  bool StartDaemon(const std::vector<std::string>& args, int port,
+                   std::map<std::string, std::string> extraEnv = {}) {
+    std::vector<std::string> argv = {mcdtest::MainBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    auto env = Env(port);
+    for (auto& kv : extraEnv) env[kv.first] = kv.second;
+    return daemon.Start(argv, env);
+  }
+  bool StderrHas(const std::string& text, int count = 1) {
+    return mcdtest::WaitFor([&] { return Count(daemon.Stderr(), text) >= static_cast<size_t>(count); },
+                            seconds(30));
+  }
+  int ExitStatus() {
+    int status = -1;
+    if (!daemon.Wait(seconds(30), &status)) return -1;
+    return status;
+  }
+
+  mcdtest::TempRoot root;
+  ConfigServer server;
+  ChildProcess daemon;
+  const std::string config = R"({"meters": {"7": {"manufacturer": "none"}, "9": {"manufacturer": "none"}}})";
+};
+
+TEST_F(DaemonRun, FirstRequestsAndSigtermShutdown) {
+  ASSERT_TRUE(server.Start(config));
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7", "-i", "9"}, server.port()));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+
+  std::vector<std::string> requests = server.Requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(kFirstRequest, requests[0]);
+  // every identifier has a client of its own, numbering from 1
+  EXPECT_EQ(R"({"id":1,"jsonrpc":"2.0","method":"get_config","params":{"heat_meter":"9"}})", requests[1]);
+
+  std::string err = daemon.Stderr();
+  EXPECT_NE(std::string::npos, err.find("Info: main - heat meter 7: meter 0 manufacturer = none\n")) << err;
+  EXPECT_NE(std::string::npos, err.find("Info: main - heat meter 9: meter 0 period_current = 20\n")) << err;
+
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  EXPECT_EQ(0, ExitStatus());
+  err = daemon.Stderr();
+  EXPECT_NE(std::string::npos, err.find("Crit: " + std::string(kRed) + kSeparator + kReset + "\n")) << err;
+  EXPECT_NE(std::string::npos,
+            err.find(std::string("Crit: ") + kRed + "System signal number 15 (Terminated) is received from address "))
+      << err;
+  EXPECT_EQ(2u, Count(err, kSeparator));
+  EXPECT_EQ(std::string::npos, err.find("Immediate exit")) << err;
+  EXPECT_NE(std::string::npos, daemon.Stdout().find(std::string("CJSONRPCConnector::ExecJSONRPCFunc query is ") +
+                                                    kFirstRequest + "\n"));
+}
+
+TEST_F(DaemonRun, SigintAfterSetUpIsAnOrderlyShutdown) {
+  ASSERT_TRUE(server.Start(config));
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7"}, server.port()));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+  ASSERT_TRUE(daemon.Signal(SIGINT));
+  EXPECT_EQ(0, ExitStatus());
+  EXPECT_NE(std::string::npos, daemon.Stderr().find("System signal number 2 (Interrupt)"));
+  EXPECT_EQ(std::string::npos, daemon.Stderr().find("Immediate exit"));
+}
+
+TEST_F(DaemonRun, RetriesUntilTheServerComesUp) {
+  int port = mcdtest::FreeLoopbackPort();
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7"}, port));
+  ASSERT_TRUE(StderrHas("retry!!! wait 5 sec", 2)) << daemon.Stderr();
+  EXPECT_TRUE(daemon.Running());
+  EXPECT_EQ(0u, Count(daemon.Stderr(), kSetupDone));
+
+  ASSERT_TRUE(server.Start(config, port));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+  std::vector<std::string> requests = server.Requests();
+  ASSERT_GE(requests.size(), 1u);
+  EXPECT_EQ(kFirstRequest, requests[0]);  // the retried request keeps id 1
+
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  EXPECT_EQ(0, ExitStatus());
+}
+
+TEST_F(DaemonRun, RetriesWhileTheServerAnswersGarbage) {
+  ASSERT_TRUE(server.Start(config, 0, {"--garbage", "2"}));
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7"}, server.port()));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+  std::vector<std::string> requests = server.Requests();
+  ASSERT_EQ(3u, requests.size());
+  for (const auto& r : requests) EXPECT_EQ(kFirstRequest, r);
+  std::string err = daemon.Stderr();
+  EXPECT_EQ(2u, Count(err, "Error while parsing data! retry!!! wait 5 sec")) << err;
+  EXPECT_EQ(2u, Count(err, "Response String - this is not json")) << err;
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  EXPECT_EQ(0, ExitStatus());
+}
+
+TEST_F(DaemonRun, SigintDuringSetUpExitsAtOnceWithStatusOne) {
+  int port = mcdtest::FreeLoopbackPort();  // nobody listens: set-up never ends
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7"}, port));
+  ASSERT_TRUE(StderrHas("retry!!! wait 5 sec")) << daemon.Stderr();
+  ASSERT_TRUE(daemon.Signal(SIGINT));
+  EXPECT_EQ(1, ExitStatus());
+  std::string err = daemon.Stderr();
+  // the immediate-exit line has the opening colour only
+  EXPECT_NE(std::string::npos,
+            err.find(std::string("Crit: ") + kRed + "Application done due to SIGINT. Immediate exit!\n"))
+      << err;
+  EXPECT_EQ(2u, Count(err, kSeparator));
+  EXPECT_EQ(std::string::npos, err.find("shutdown")) << err;
+}
+
+TEST_F(DaemonRun, SigquitAndSigtermDuringSetUpAreForgotten) {
+  int port = mcdtest::FreeLoopbackPort();
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7"}, port));
+  ASSERT_TRUE(StderrHas("retry!!! wait 5 sec")) << daemon.Stderr();
+  ASSERT_TRUE(daemon.Signal(SIGQUIT));
+  ASSERT_TRUE(StderrHas("System signal number 3 ")) << daemon.Stderr();
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  ASSERT_TRUE(StderrHas("System signal number 15 ")) << daemon.Stderr();
+
+  ASSERT_TRUE(server.Start(config, port));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+  // set-up cleared the flag: the daemon supervises on
+  std::this_thread::sleep_for(milliseconds(300));
+  EXPECT_TRUE(daemon.Running());
+  EXPECT_EQ(0u, Count(daemon.Stderr(), "shutdown"));
+
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  EXPECT_EQ(0, ExitStatus());
+  EXPECT_EQ(1u, Count(daemon.Stderr(), "main - shutdown done."));
+}
+
+TEST_F(DaemonRun, SigsegvLogsABacktraceToTheFileAndAborts) {
+  ASSERT_TRUE(server.Start(config));
+  std::string log = root.tmp("mcd.log");
+  // backtrace_symbols allocates inside the handler; the thread checker would flag it
+  const char* tsan = getenv("TSAN_OPTIONS");
+  std::string tsanOptions = std::string(tsan ? tsan : "") + ":report_signal_unsafe=0";
+  ASSERT_TRUE(StartDaemon({"-l", log, "-i", "7"}, server.port(), {{"TSAN_OPTIONS", tsanOptions}}));
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(log).find(kSetupDone) != std::string::npos; },
+                               seconds(30)));
+  ASSERT_TRUE(daemon.Signal(SIGSEGV));
+  EXPECT_EQ(128 + SIGABRT, ExitStatus());
+
+  std::string text = mcdtest::ReadFile(log);
+  EXPECT_NE(std::string::npos, text.find(std::string("Crit: ") + kRed + "System signal number 11 (Segmentation fault)"))
+      << text;
+  EXPECT_NE(std::string::npos, text.find(std::string(kRed) + "Application done due to SIGSEGV." + kReset + "\n"));
+  size_t bt = text.find(std::string(kRed) + "backtrace:" + kReset + "\n");
+  ASSERT_NE(std::string::npos, bt) << text;
+  // at least one frame names the daemon binary, and the separator closes the report
+  EXPECT_NE(std::string::npos, text.find("mcd_main", bt)) << text.substr(bt);
+  EXPECT_EQ(2u, Count(text, kSeparator));
+  // the file lines end with a newline and a zero byte
+  EXPECT_EQ(Count(text, std::string("\n\0", 2)), Count(text, "\n"));
+}
+
+// Finds the process whose command line is exactly argv.
+pid_t FindProcess(const std::vector<std::string>& argv) {
+  std::string wanted;
+  for (const auto& a : argv) wanted += a + std::string(1, '\0');
+  DIR* proc = opendir("/proc");
+  pid_t found = -1;
+  while (dirent* e = readdir(proc)) {
+    pid_t pid = atoi(e->d_name);
+    if (pid <= 0) continue;
+    if (mcdtest::ReadFile("/proc/" + std::string(e->d_name) + "/cmdline") == wanted) found = pid;
+  }
+  closedir(proc);
+  return found;
+}
+
+// Fields of /proc/<pid>/stat after the command name: state, ppid, pgrp, session.
+bool ProcStat(pid_t pid, char& state, long& session) {
+  std::string text = mcdtest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  size_t close = text.rfind(')');
+  if (text.empty() || close == std::string::npos) return false;
+  long ppid = 0, pgrp = 0;
+  return sscanf(text.c_str() + close + 1, " %c %ld %ld %ld", &state, &ppid, &pgrp, &session) == 4;
+}
+
+TEST_F(DaemonRun, DaemonModeDetachesIntoANewSessionOnDevNull) {
+  ASSERT_TRUE(server.Start(config));
+  std::string log = root.tmp("daemon.log");
+  std::vector<std::string> argv = {mcdtest::MainBinary(), "-d", "-l", log, "-i", "7"};
+  ASSERT_TRUE(daemon.Start(argv, Env(server.port())));
+  EXPECT_EQ(0, ExitStatus());  // the parent leaves at once
+
+  pid_t pid = -1;
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return (pid = FindProcess(argv)) > 0; }, seconds(10)));
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(log).find(kSetupDone) != std::string::npos; },
+                               seconds(30)));
+  char state = 0;
+  long session = 0;
+  ASSERT_TRUE(ProcStat(pid, state, session));
+  EXPECT_EQ(pid, session);  // it leads a session of its own
+  for (int fd = 0; fd <= 2; ++fd) {
+    char target[256] = {0};
+    std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+    ASSERT_GT(readlink(link.c_str(), target, sizeof target - 1), 0);
+    EXPECT_STREQ("/dev/null", target) << fd;
+  }
+  // nothing reached our standard output or error
+  EXPECT_EQ("", daemon.Stdout());
+  EXPECT_EQ("", daemon.Stderr());
+
+  ASSERT_EQ(0, kill(pid, SIGTERM));
+  EXPECT_TRUE(mcdtest::WaitFor(
+      [&] { return mcdtest::ReadFile(log).find("main - shutdown done.") != std::string::npos; }, seconds(30)));
+  EXPECT_TRUE(mcdtest::WaitFor(
+      [&] {
+        char s = 0;
+        long sid = 0;
+        return !ProcStat(pid, s, sid) || s == 'Z';
+      },
+      seconds(10)));
+}
+
+TEST_F(DaemonRun, TwoIdentifiersShareTheFirstSerialPort) {
+  mcdtest::PtyPair first, second;
+  ASSERT_FALSE(first.slaveName().empty());
+  ASSERT_FALSE(second.slaveName().empty());
+  std::string twoPorts = R"({"meters": {
+      "7": {"manufacturer": "unknown-a", "port_params": {"name": ")" + first.slaveName() + R"("}},
+      "9": {"manufacturer": "unknown-b", "port_params": {"name": ")" + second.slaveName() + R"("}}}})";
+  ASSERT_TRUE(server.Start(twoPorts));
+  ASSERT_TRUE(StartDaemon({"-e", "-i", "7", "-i", "9"}, server.port()));
+  ASSERT_TRUE(StderrHas(kSetupDone)) << daemon.Stderr();
+  // both driver threads run, the lamps of the one connector start once
+  ASSERT_TRUE(StderrHas("A new thread \"unknown-a\" has been STARTED")) << daemon.Stderr();
+  ASSERT_TRUE(StderrHas("A new thread \"unknown-b\" has been STARTED")) << daemon.Stderr();
+  std::string err = daemon.Stderr();
+  EXPECT_EQ(1u, Count(err, "A new thread \"manager LED \"A\"\" has been STARTED")) << err;
+  EXPECT_EQ(1u, Count(err, "A new thread \"manager LED \"B\"\" has been STARTED")) << err;
+  EXPECT_NE(std::string::npos, err.find("main - set-up done: 2 driver(s)")) << err;
+
+  ASSERT_TRUE(daemon.Signal(SIGTERM));
+  EXPECT_EQ(0, ExitStatus());
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+#include "app/options.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using mcd::ParseOptions;
+using mcd::ParseResult;
+
+ParseResult Parse(std::vector<std::string> args) {
+  args.insert(args.begin(), "/usr/bin/mcd_main");
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  return ParseOptions(static_cast<int>(args.size()), argv.data());
+}
+
+const char kLevelError[] = "\nmain: Unacceptable logs level!\n\n";
+const char kSizeError[] = "\nmain: Unacceptable max logfile size!\n\n";
+const char kNameError[] = "\nmain: Error logs file name!\n\n";
+const char kNoIdError[] = "\nmain: Do not set any ID of HeatMeter!\n\n";
+
+TEST(Options, DefaultsWithOneId) {
+  ParseResult r = Parse({"-i", "7"});
+  ASSERT_FALSE(r.exit);
+  EXPECT_FALSE(r.options.daemon);
+  EXPECT_FALSE(r.options.toStderr);
+  EXPECT_EQ(6, r.options.level);
+  EXPECT_EQ(0, r.options.maxLogSize);
+  EXPECT_EQ("", r.options.logName);
+  EXPECT_EQ(std::vector<std::string>{"7"}, r.options.ids);
+  EXPECT_EQ("", r.out);
+  EXPECT_EQ("", r.err);
+}
+
+TEST(Options, ShortAndLongFormsSetEverything) {
+  ParseResult s = Parse({"-d", "-e", "-v", "3", "-l", "/var/log/m.log", "-s", "4096", "-i", "9", "-i", "2"});
+  ParseResult l = Parse({"--daemon", "--stderr", "--verbose", "3", "--logname=/var/log/m.log", "--logsize", "4096",
+                         "--id", "9", "--id=2"});
+  for (const ParseResult* r : {&s, &l}) {
+    ASSERT_FALSE(r->exit) << r->err;
+    EXPECT_TRUE(r->options.daemon);
+    EXPECT_TRUE(r->options.toStderr);
+    EXPECT_EQ(3, r->options.level);
+    EXPECT_EQ(4096, r->options.maxLogSize);
+    EXPECT_EQ("/var/log/m.log", r->options.logName);
+    EXPECT_EQ((std::vector<std::string>{"9", "2"}), r->options.ids);  // command-line order
+  }
+}
+
+TEST(Options, LevelMustBeAWholeIntegerFromZeroToSeven) {
+  for (const char* good : {"0", "7", "5"}) {
+    ParseResult r = Parse({"-v", good, "-i", "1"});
+    ASSERT_FALSE(r.exit) << good;
+    EXPECT_EQ(std::stoi(good), r.options.level);
+  }
+  for (const char* bad : {"8", "-1", "x", "6x", "", "99999999999"}) {
+    SCOPED_TRACE(bad);
+    ParseResult r = Parse({"-i", "1", "-v", bad});
+    EXPECT_TRUE(r.exit);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(kLevelError, r.err);
+    EXPECT_EQ(mcd::UsageText("/usr/bin/mcd_main"), r.out);
+  }
+}
+
+TEST(Options, ReleaseAndHelpActAtOnceInOptionOrder) {
+  ParseResult r = Parse({"-r", "-v", "9"});
+  EXPECT_TRUE(r.exit);
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ("version 1.3.32 (2016.11.08)\n", r.out);
+  EXPECT_EQ("", r.err);
+
+  r = Parse({"-v", "9", "-r"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(kLevelError, r.err);
+
+  // no -i is needed when -h or -r ends parsing
+  r = Parse({"--help", "-s", "x"});
+  EXPECT_TRUE(r.exit);
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ(mcd::UsageText("/usr/bin/mcd_main"), r.out);
+
+  r = Parse({"-h", "-r"});
+  EXPECT_EQ(mcd::UsageText("/usr/bin/mcd_main"), r.out);
+  r = Parse({"--release", "-h"});
+  EXPECT_EQ("version 1.3.32 (2016.11.08)\n", r.out);
+}
+
+TEST(Options, LogNameAndSizeErrors) {
+  ParseResult r = Parse({"-i", "1", "-l", ""});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(kNameError, r.err);
+  EXPECT_EQ(mcd::UsageText("/usr/bin/mcd_main"), r.out);
+
+  for (const char* bad : {"x", "10k", "", "3000000000"}) {
+    SCOPED_TRACE(bad);
+    r = Parse({"-i", "1", "-s", bad});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(kSizeError, r.err);
+    EXPECT_EQ(mcd::UsageText("/usr/bin/mcd_main"), r.out);
+  }
+  // a negative size has no range check
+  r = Parse({"-i", "1", "-s", "-5"});
+  ASSERT_FALSE(r.exit);
+  EXPECT_EQ(-5, r.options.maxLogSize);
+
+  // the first bad option met decides
+  r = Parse({"-s", "x", "-v", "9", "-i", "1"});
+  EXPECT_EQ(kSizeError, r.err);
+}
+
+TEST(Options, MissingIdIsAnErrorWithoutUsage) {
+  ParseResult r = Parse({"-e", "-v", "7"});
+  EXPECT_TRUE(r.exit);
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(kNoIdError, r.err);
+  EXPECT_EQ("", r.out);
+}
+
+TEST(Options, RejectedOptionsArePassedOver) {
+  testing::internal::CaptureStderr();
+  ParseResult r = Parse({"-x", "-i", "5", "--bogus", "-v"});
+  std::string getoptMessages = testing::internal::GetCapturedStderr();
+  ASSERT_FALSE(r.exit);
+  EXPECT_EQ(std::vector<std::string>{"5"}, r.options.ids);
+  EXPECT_EQ(6, r.options.level);
+  EXPECT_NE(std::string::npos, getoptMessages.find("invalid option -- 'x'")) << getoptMessages;
+  EXPECT_NE(std::string::npos, getoptMessages.find("unrecognized option '--bogus'")) << getoptMessages;
+  EXPECT_NE(std::string::npos, getoptMessages.find("option requires an argument -- 'v'")) << getoptMessages;
+}
+
+TEST(Options, ParserCanRunAgain) {
+  ParseResult first = Parse({"-i", "1", "-v", "2"});
+  ParseResult second = Parse({"-i", "3"});
+  EXPECT_EQ(2, first.options.level);
+  EXPECT_EQ(6, second.options.level);
+  EXPECT_EQ(std::vector<std::string>{"3"}, second.options.ids);
+}
+
+TEST(Options, UsageTextIsExact) {
+  EXPECT_EQ(
+      "Usage: ./mcd [options]\n"
+      "    -r  --release               Version of the program.\n"
+      "    -h  --help                  Display this usage.\n"
+      "    -d  --daemon                Daemon mode.\n"
+      "    -v  --verbose <level>       Verbose logs level.\n"
+      "        logs levels:\n"
+      "             0 (TL_EMERG)   system is unusable;\n"
+      "             1 (TL_ALERT)   action must be taken immediately;\n"
+      "             2 (TL_CRIT)    critical conditions;\n"
+      "             3 (TL_ERR)     error conditions;\n"
+      "             4 (TL_WARNING) warning conditions;\n"
+      "             5 (TL_NOTICE)  normal, but significant, condition;\n"
+      "             6 (TL_INFO)    informational message (default);\n"
+      "             7 (TL_DEBUG)   debug-level message.\n"
+      "    -e  --stderr                Redirect the log messages to stderr.\n"
+      "    -i  --id                    ID of HeatMeter.\n"
+      "    -l  --logname               Full name (with the path) to the log file. Does not make sense if there "
+      "\"-e\".\n"
+      "    -s  --logsize               Max size of log file (in bytes). After reach log file erase. 0 - unlimit\n",
+      mcd::UsageText("./mcd"));
+}
+
+TEST(Options, WholeIntegerReader) {
+  int v = -99;
+  EXPECT_TRUE(mcd::ParseWholeInt("0", v));
+  EXPECT_EQ(0, v);
+  EXPECT_TRUE(mcd::ParseWholeInt("-2147483648", v));
+  EXPECT_EQ(-2147483647 - 1, v);
+  EXPECT_TRUE(mcd::ParseWholeInt("+12", v));
+  EXPECT_EQ(12, v);
+  v = 77;
+  EXPECT_FALSE(mcd::ParseWholeInt("2147483648", v));
+  EXPECT_FALSE(mcd::ParseWholeInt("12 ", v));
+  EXPECT_FALSE(mcd::ParseWholeInt("-", v));
+  EXPECT_FALSE(mcd::ParseWholeInt(nullptr, v));
+  EXPECT_EQ(77, v);  // untouched on failure
+}
+
+}  // namespace

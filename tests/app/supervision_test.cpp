@@ -1,0 +1,261 @@
+#include "app/supervision.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "app/clock.h"
+#include "drivers/base/base_driver.h"
+#include "support/test_support.h"
+
+namespace {
+
+using mcdtest::FileExists;
+using mcdtest::ReadFile;
+using mcdtest::WriteFile;
+
+// A driver that is never started: the test plays its thread by clearing the turn.
+class FakeDriver : public CMcdBaseDriver {
+ public:
+  explicit FakeDriver(int sleepsPerTurn = 1) : m_sleepsPerTurn(sleepsPerTurn) {}
+  ~FakeDriver() override { stop(); }
+  void SaveConnector(CConnector*) override {}
+  void init() override {}
+  ParamValueList get_all_curtime_cur_integ_values() override { return ParamValueList(); }
+  ParamValueList get_all_system_values() override { return ParamValueList(); }
+  int GetTimestamps(Timestamps&) override { return 0; }
+  int get_arch_values(int, time_t, time_t, ParamValueList&) override { return -1; }
+
+  void SetReserved(bool on) { reserved_port.store(on); }
+  void SetCurrent(bool on) { archives_current.store(on); }
+
+  // Called once per supervisor sleep while this driver holds the turn; gives the turn
+  // back after its number of sleeps.
+  void OnSleep() {
+    if (++m_heldFor >= m_sleepsPerTurn) {
+      m_heldFor = 0;
+      ++turnsTaken;
+      ClearTurn();
+    }
+  }
+  int turnsTaken = 0;
+
+ private:
+  int m_sleepsPerTurn;
+  int m_heldFor = 0;
+};
+
+// Simulated time: each Sleep advances the clock and runs the test's hook at once.
+class FakeClock : public mcd::Clock {
+ public:
+  time_t Now() override { return m_now; }
+  void Sleep(unsigned seconds) override {
+    sleeps.push_back(seconds);
+    m_now += seconds;
+    if (hook) hook();
+  }
+  std::vector<unsigned> sleeps;
+  std::function<void()> hook;
+
+ private:
+  time_t m_now = 1700000000;
+};
+
+class SupervisionTest : public ::testing::Test {
+ protected:
+  void SetUp() override { mcd::SetClock(&clock); }
+  void TearDown() override { mcd::SetClock(nullptr); }
+
+  // The driver holding the turn takes its step; at most one may hold it.
+  void PlayDrivers() {
+    clock.hook = [this] {
+      int holders = 0;
+      for (auto& d : drivers) holders += d->GetTurn() ? 1 : 0;
+      EXPECT_LE(holders, 1) << "two drivers hold the line at once";
+      for (size_t i = 0; i < drivers.size(); ++i) {
+        if (drivers[i]->GetTurn()) {
+          holderPerSleep.push_back(static_cast<int>(i));
+          drivers[i]->OnSleep();
+          break;
+        }
+      }
+      if (afterSleep) afterSleep();
+    };
+  }
+
+  std::vector<CMcdBaseDriver*> List() {
+    std::vector<CMcdBaseDriver*> list;
+    for (auto& d : drivers) list.push_back(d.get());
+    return list;
+  }
+
+  mcdtest::TempRoot root;
+  std::string pauseFile = root.tmp("extds_pause");
+  FakeClock clock;
+  std::vector<std::unique_ptr<FakeDriver>> drivers;
+  std::vector<int> holderPerSleep;
+  std::function<void()> afterSleep;
+  std::atomic<bool> exitFlag{false};
+};
+
+TEST_F(SupervisionTest, TurnPassesFromDriverToDriverInListOrder) {
+  drivers.emplace_back(new FakeDriver(3));
+  drivers.emplace_back(new FakeDriver(1));
+  PlayDrivers();
+  mcd::SupervisionPass(List());
+  // the first driver holds the line for three 5-second steps, then the second for one
+  EXPECT_EQ((std::vector<int>{0, 0, 0, 1}), holderPerSleep);
+  EXPECT_EQ((std::vector<unsigned>{5, 5, 5, 5}), clock.sleeps);
+  EXPECT_EQ(1, drivers[0]->turnsTaken);
+  EXPECT_EQ(1, drivers[1]->turnsTaken);
+  EXPECT_FALSE(drivers[0]->GetTurn());
+  EXPECT_FALSE(drivers[1]->GetTurn());
+}
+
+TEST_F(SupervisionTest, PassUnderWayFinishesAfterTheExitFlagIsRaised) {
+  drivers.emplace_back(new FakeDriver(2));
+  drivers.emplace_back(new FakeDriver(1));
+  drivers.emplace_back(new FakeDriver(1));
+  PlayDrivers();
+  afterSleep = [this] { exitFlag.store(true); };  // a signal during the first turn
+  mcd::RunSupervision(List(), exitFlag);
+  EXPECT_EQ((std::vector<int>{0, 0, 1, 2}), holderPerSleep);
+  for (auto& d : drivers) EXPECT_EQ(1, d->turnsTaken);
+}
+
+TEST_F(SupervisionTest, PassesRepeatUntilTheExitFlag) {
+  drivers.emplace_back(new FakeDriver(1));
+  drivers.emplace_back(new FakeDriver(2));
+  PlayDrivers();
+  afterSleep = [this] {
+    if (drivers[1]->turnsTaken == 3) exitFlag.store(true);
+  };
+  mcd::RunSupervision(List(), exitFlag);
+  EXPECT_EQ(3, drivers[0]->turnsTaken);
+  EXPECT_EQ(3, drivers[1]->turnsTaken);
+  EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 1, 0, 1, 1}), holderPerSleep);
+}
+
+TEST_F(SupervisionTest, NoPassWhenTheExitFlagIsAlreadySet) {
+  drivers.emplace_back(new FakeDriver(1));
+  PlayDrivers();
+  exitFlag.store(true);
+  mcd::RunSupervision(List(), exitFlag);
+  EXPECT_TRUE(clock.sleeps.empty());
+  EXPECT_FALSE(drivers[0]->GetTurn());
+}
+
+TEST_F(SupervisionTest, WithoutDriversEachPassSleepsOneStep) {
+  WriteFile(pauseFile, "7200");
+  int passes = 0;
+  clock.hook = [&] {
+    if (++passes == 4) exitFlag.store(true);
+  };
+  mcd::RunSupervision({}, exitFlag);
+  EXPECT_EQ((std::vector<unsigned>{5, 5, 5, 5}), clock.sleeps);
+  EXPECT_FALSE(FileExists(pauseFile));  // nothing lags
+}
+
+struct PauseCase {
+  const char* name;
+  std::vector<std::pair<bool, bool>> drivers;  // (reserved port, archives current)
+  const char* before;                          // file content before the pass; null = absent
+  const char* after;                           // expected content after; null = absent
+  bool allCurrent;
+};
+
+class ExtPauseTest : public SupervisionTest, public ::testing::WithParamInterface<PauseCase> {};
+
+TEST_P(ExtPauseTest, FileFollowsTheArchivesOfThePass) {
+  const PauseCase& c = GetParam();
+  for (const auto& d : c.drivers) {
+    drivers.emplace_back(new FakeDriver(1));
+    drivers.back()->SetReserved(d.first);
+    drivers.back()->SetCurrent(d.second);
+  }
+  PlayDrivers();
+  if (c.before) WriteFile(pauseFile, c.before);
+  EXPECT_EQ(c.allCurrent, mcd::SupervisionPass(List()));
+  if (c.after) {
+    ASSERT_TRUE(FileExists(pauseFile));
+    EXPECT_EQ(c.after, ReadFile(pauseFile));
+  } else {
+    EXPECT_FALSE(FileExists(pauseFile));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ExtPauseTest,
+    ::testing::Values(PauseCase{"AllCurrentRemoves", {{false, true}, {false, true}}, "7200", nullptr, true},
+                      PauseCase{"AllCurrentNoFile", {{false, true}}, nullptr, nullptr, true},
+                      PauseCase{"LastLagsWrites", {{false, true}, {false, false}}, nullptr, "7200", false},
+                      PauseCase{"FirstLagsWrites", {{false, false}, {false, true}}, nullptr, "7200", false},
+                      PauseCase{"WriteTruncates", {{false, false}}, "123456789", "7200", false},
+                      PauseCase{"ReservedFirstCountsAsLagging", {{true, true}, {false, true}}, nullptr, "7200", false},
+                      PauseCase{"LastReservedLeavesFile", {{false, false}, {true, true}}, "keep", "keep", false},
+                      PauseCase{"LastReservedLeavesNoFile", {{false, false}, {true, true}}, nullptr, nullptr, false},
+                      PauseCase{"OnlyTheLastReservedCounts", {{true, true}, {true, true}, {false, true}}, "x", "7200",
+                                false}),
+    [](const ::testing::TestParamInfo<PauseCase>& info) { return std::string(info.param.name); });
+
+// The hand-off across real threads: each fake driver's thread waits for its turn, works
+// and clears it, while main sleeps in (simulated, but really short) 5-second steps.
+class ThreadedClock : public mcd::Clock {
+ public:
+  time_t Now() override { return m_now.load(); }
+  void Sleep(unsigned seconds) override {
+    m_now += seconds;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+
+ private:
+  std::atomic<time_t> m_now{1700000000};
+};
+
+TEST(SupervisionThreads, DriverThreadsPollOneAtATime) {
+  mcdtest::TempRoot root;
+  ThreadedClock clock;
+  mcd::SetClock(&clock);
+  FakeDriver a, b;
+  std::atomic<bool> exitFlag{false}, supervisorDone{false};
+  std::atomic<int> inside{0}, overlaps{0}, cyclesA{0}, cyclesB{0};
+  auto play = [&](FakeDriver& d, std::atomic<int>& cycles) {
+    // a driver keeps polling until main is gone: the pass under way still needs it
+    while (!supervisorDone.load()) {
+      if (!d.GetTurn()) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        continue;
+      }
+      if (inside.fetch_add(1) != 0) overlaps.fetch_add(1);
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      inside.fetch_sub(1);
+      ++cycles;
+      d.ClearTurn();
+    }
+  };
+  std::thread ta(play, std::ref(a), std::ref(cyclesA));
+  std::thread tb(play, std::ref(b), std::ref(cyclesB));
+  std::thread stopper([&] {
+    mcdtest::WaitFor([&] { return cyclesB.load() >= 5; }, std::chrono::seconds(20));
+    exitFlag.store(true);
+  });
+  mcd::RunSupervision({&a, &b}, exitFlag);
+  supervisorDone.store(true);
+  stopper.join();
+  ta.join();
+  tb.join();
+  mcd::SetClock(nullptr);
+  EXPECT_EQ(0, overlaps.load());
+  EXPECT_GE(cyclesB.load(), 5);
+  // strict alternation: every pass gives each driver exactly one cycle
+  EXPECT_EQ(cyclesA.load(), cyclesB.load());
+  EXPECT_FALSE(FileExists(root.tmp("extds_pause")));
+}
+
+}  // namespace
