@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -51,8 +52,20 @@ class LogCapture {
   }
   static const std::string& Path() {
     static const std::string path = "/tmp/mcdtest_link_" + std::to_string(getpid()) + ".log";
+    // registered after the name is complete, so the removal runs before the name goes
+    static const bool removeAtExit = atexit(RemoveLogFile) == 0;
+    (void)removeAtExit;
     return path;
   }
+
+ private:
+  // The file goes with the test program, unless the run asks to keep test files.
+  static void RemoveLogFile() {
+    const char* keep = getenv("MCD_KEEP_TEST_ROOT");
+    if (!(keep && *keep)) unlink(Path().c_str());
+  }
+
+ public:
 
  private:
   size_t m_start = 0;
