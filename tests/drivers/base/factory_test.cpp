@@ -1,7 +1,6 @@
 // Driver selection, the stored configuration and the empty driver.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 
 #include "drivers/base/driver_factory.h"
@@ -13,7 +12,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 
 bool IsEmptyDriver(const std::string& manufacturer) {
   std::unique_ptr<CMcdBaseDriver> driver(NewDriverFor(manufacturer));
@@ -63,18 +61,6 @@ TEST(DriverConfiguration, LedIndicationAndReservedPort) {
   }
 }
 
-TEST(EmptyDriver, ReadsNothing) {
-  CMcdEmptyDriver driver;
-  driver.init();
-  EXPECT_TRUE(driver.get_all_curtime_cur_integ_values().empty());
-  EXPECT_TRUE(driver.get_all_system_values().empty());
-  Timestamps stamps;
-  EXPECT_EQ(driver.GetTimestamps(stamps), 0);
-  ParamValueList out;
-  EXPECT_EQ(driver.get_arch_values(ARCH_HOURLY, 0, 100, out), -1);
-  EXPECT_TRUE(out.empty());
-}
-
 class FactoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -104,19 +90,6 @@ TEST_F(FactoryTest, CreateDriverWiresConfiguresAndStartsUnderTheManufacturerName
   EXPECT_FALSE(driver->GetLedIndication());
   EXPECT_TRUE(driver->IsReservedPort());
   EXPECT_FALSE(driver->ArchivesCurrent());
-}
-
-TEST_F(FactoryTest, EmptyDriverLoopRecordsTheLinkAndGivesTheTurnBack) {
-  driver.reset(CreateDriver({{"manufacturer", "Teleross-TM"}, {"period_current", "20"}}, nullptr, client.get()));
-  EXPECT_EQ(driver->threadName(), "Teleross-TM");
-  driver->SetTurn();
-  ASSERT_TRUE(mcdtest::WaitFor([this] { return !driver->GetTurn(); }, 20s));
-  EXPECT_EQ(mcdtest::ReadFile(root.tmp("31/1/tc_items/Connected")), "1\n");
-  EXPECT_EQ(mcdtest::ListDir(root.tmp("31/1/tc_items")), std::vector<std::string>{"Connected"});
-  EXPECT_TRUE(driver->ArchivesCurrent());  // no time answer counts as no lag
-  // The turn goes round again.
-  driver->SetTurn();
-  ASSERT_TRUE(mcdtest::WaitFor([this] { return !driver->GetTurn(); }, 20s));
 }
 
 }  // namespace

@@ -122,12 +122,6 @@ TEST_F(CursorTest, NullAnswerIsEmptyAndNeverDereferenced) {
   EXPECT_EQ(g_failures.size(), 1u);
 }
 
-TEST_F(CursorTest, BaseCursorWithoutFamilyStillThrows) {
-  CMeterBuffer cursor(nullptr, data, 2);
-  EXPECT_THROW(cursor[3], CDisconnectException);
-  EXPECT_THROW(cursor += 3, CDisconnectException);
-}
-
 TEST_F(CursorTest, LongRendersWithFractionDigits) {
   unsigned char bytes[] = {0x39, 0x30, 0x00, 0x00, 0xC7, 0xCF, 0xFF, 0xFF};
   TestBuffer cursor(bytes, 8);
@@ -223,13 +217,6 @@ TEST(DiagFiles, FileRemovedOnlyWhenLargerThanLimit) {
   mcdtest::WriteFile(debug, std::string(mcd::kDiagFileLimit, 'x'));
   mcd::AppendDebugLine(debug, " x");
   EXPECT_FALSE(mcdtest::FileExists(debug));
-
-  mcd::RemoveIfLarger(root.storage("missing"), 0);  // no error for a missing file
-  mcdtest::WriteFile(path, "abc");
-  mcd::RemoveIfLarger(path, 3);
-  EXPECT_TRUE(mcdtest::FileExists(path));
-  mcd::RemoveIfLarger(path, 2);
-  EXPECT_FALSE(mcdtest::FileExists(path));
 }
 
 }  // namespace

@@ -236,16 +236,6 @@ TEST_F(PollingTest, ReadValuesAreFiledAndArchivesCountAsCurrent) {
   EXPECT_EQ(driver->inits.load(), 1);
 }
 
-TEST_F(PollingTest, ReservedPortNeverCountsAsCurrent) {
-  auto& d = Make({{"period_current", "601"}, {"port_alias", "serial232.D"}});
-  d.fillArchives = true;
-  Start("tem-104");
-  ASSERT_TRUE(CycleDone());
-  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
-  EXPECT_TRUE(driver->IsReservedPort());
-  EXPECT_FALSE(driver->ArchivesCurrent());
-}
-
 TEST_F(PollingTest, PauseAtStartHoldsTheTurnBeforeInit) {
   Make({});
   mcdtest::WriteFile(root.tmp("pause_qmd"), "");
