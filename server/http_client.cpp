@@ -1,6 +1,7 @@
 #include "server/http_client.h"
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <memory>
 #include <mutex>
@@ -36,6 +37,9 @@ int HttpClient::Send(const std::string& request) {
   if (!curl) return -1;
   std::unique_ptr<curl_slist, ListDeleter> headers(curl_slist_append(nullptr, "Content-Type: application/json"));
   if (!headers) return -1;
+  // No "Expect: 100-continue" round trip for larger bodies: the server answers at once.
+  curl_slist* more = curl_slist_append(headers.get(), "Expect:");
+  if (!more) return -1;
 
   CURL* h = curl.get();
   curl_easy_setopt(h, CURLOPT_URL, m_url.c_str());
@@ -51,7 +55,12 @@ int HttpClient::Send(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &Collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &m_response);
 
+  // libcurl is not safe to unwind by thread cancellation; the exchange is bounded by the
+  // time-outs above, and a pending cancellation takes effect at the caller's next wait.
+  int oldState = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
   CURLcode rc = curl_easy_perform(h);
+  pthread_setcancelstate(oldState, nullptr);
   if (rc != CURLE_OK) {
     m_response.clear();
     return static_cast<int>(rc);
