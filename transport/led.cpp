@@ -7,8 +7,9 @@
 
 namespace {
 
-// Keeps the calling thread from being cancelled while it is inside the stream
-// code, so a cancellation never leaves the stream half-written or its lock held.
+// Keeps the calling thread from being cancelled while it is inside the stream or
+// logger code, so a cancellation never leaves the stream half-written, its lock
+// held or a log file open. Nests: the previous state is restored.
 class NoCancel {
  public:
   NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old); }
@@ -57,15 +58,21 @@ void CLed::SwichLED(bool on) {
   }
 }
 
+void CLed::Show(char c, const char* state) {
+  NoCancel guard;  // the log file is opened and closed per line
+  Write(c);
+  LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, %s.\n", m_path.c_str(), state);
+}
+
+// Cancelled only in its sleeps and at pthread_testcancel; it keeps no locals of
+// its own, so the unwinding leaves nothing behind on the thread's stack.
 void CLed::functionThread() {
   for (;;) {
     usleep(10000);
     if (m_request.exchange(false)) {
-      Write('1');
-      LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, shines.\n", m_path.c_str());
+      Show('1', "shines");
       usleep(m_flashMicros);
-      Write('0');
-      LOG_INFO("CLed::SwichLED - Lamp, whose name is a %s, off.\n", m_path.c_str());
+      Show('0', "off");
     }
     pthread_testcancel();
   }

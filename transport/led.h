@@ -23,6 +23,9 @@ class CLed : public myThreadAttached {
 
  private:
   void Write(char c);
+  // Writes the character and logs the new state ("shines" or "off"). Kept out of
+  // line so that the flash loop's frame holds no locals while it is cancelled.
+  __attribute__((noinline)) void Show(char c, const char* state);
 
   std::string m_path;
   std::ofstream m_stream;

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <pthread.h>
 #include <signal.h>
 #include <termios.h>
@@ -60,11 +61,20 @@ double SecondsSince(steady_clock::time_point start) {
   return duration<double>(steady_clock::now() - start).count();
 }
 
-int OpenDescriptors() {
+// How many descriptors of this process refer to the given device.
+int DescriptorsOn(int deviceFd) {
+  struct stat device;
+  if (fstat(deviceFd, &device) != 0) return -1;
   int n = 0;
   DIR* dir = opendir("/proc/self/fd");
   if (!dir) return -1;
-  while (readdir(dir)) ++n;
+  while (dirent* entry = readdir(dir)) {
+    struct stat st;
+    std::string path = std::string("/proc/self/fd/") + entry->d_name;
+    if (entry->d_name[0] != '.' && stat(path.c_str(), &st) == 0 && S_ISCHR(st.st_mode) &&
+        st.st_rdev == device.st_rdev)
+      ++n;
+  }
   closedir(dir);
   return n;
 }
@@ -341,9 +351,11 @@ TEST_F(ConnectorTest, ClosedPortFailsAndReopens) {
 
 TEST_F(ConnectorTest, OpeningAnOpenPortDoesNotLeakDescriptors) {
   auto c = Open({});
-  int before = OpenDescriptors();
+  EXPECT_EQ(2, DescriptorsOn(pty.slave()));  // the test's own end and the connector's
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(c->open_device());
-  EXPECT_EQ(before, OpenDescriptors());
+  EXPECT_EQ(2, DescriptorsOn(pty.slave()));
+  c.reset();
+  EXPECT_EQ(1, DescriptorsOn(pty.slave()));
 }
 
 TEST_F(ConnectorTest, WritesFlashLampAReadsFlashLampB) {
