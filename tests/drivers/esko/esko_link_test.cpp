@@ -27,6 +27,15 @@ Bytes Reply(unsigned char addr, unsigned char cmd) {
   return Framed(b);
 }
 
+// The plain serial connector opened on a device without its lamp threads.
+struct PlainConnector : CConnector {
+  explicit PlainConnector(const std::string& device) {
+    name = device;
+    params = {{"name", device}, {"speed", "9600"}};
+    open_device();
+  }
+};
+
 // A serial connector on the slave side of a pty; the test plays the meter on the master.
 struct PtyLine {
   eskotest::Bytes dummy;
@@ -35,7 +44,7 @@ struct PtyLine {
   CConnector* connector = nullptr;
   PtyLine() {
     eskotest::LogPath();
-    connector = CConnector::CreateConnector({{"name", pty.slaveName()}, {"speed", "9600"}});
+    connector = new PlainConnector(pty.slaveName());
   }
   ~PtyLine() { delete connector; }
   // Reads one 14-byte request and answers it with the given pieces, pausing before each.
