@@ -5,6 +5,42 @@
 
 #include "log/logger.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define MCD_THREAD_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MCD_THREAD_ASAN 1
+#endif
+#endif
+#ifdef MCD_THREAD_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace {
+
+// A thread stopped with pthread_cancel unwinds without returning through its frames, so
+// AddressSanitizer keeps their guard zones marked and trips over them when the thread's
+// exit code reuses that stack. Destroyed as the unwinding passes the trampoline, this
+// clears the whole unused part of the stack below it.
+struct CancellationUnwindGuard {
+  ~CancellationUnwindGuard() {
+#ifdef MCD_THREAD_ASAN
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
+    void* low = nullptr;
+    size_t size = 0;
+    if (pthread_attr_getstack(&attr, &low, &size) == 0 && low) {
+      char* here = static_cast<char*>(__builtin_frame_address(0));
+      char* bottom = static_cast<char*>(low);
+      if (here > bottom && here <= bottom + size) __asan_unpoison_memory_region(bottom, here - bottom);
+    }
+    pthread_attr_destroy(&attr);
+#endif
+  }
+};
+
+}  // namespace
+
 
 myThreadAttached::myThreadAttached() {
   pthread_attr_init(&m_attr);
@@ -51,6 +87,7 @@ void myThreadAttached::stop() {
 }
 
 void* myThreadAttached::trampoline(void* argument) {
+  CancellationUnwindGuard unwindGuard;
   auto* self = static_cast<myThreadAttached*>(argument);
   self->m_pid.store(getpid());
   LOG_CRIT("\e[1;35mA new thread \"%s\" has been STARTED with PID = %d.\n\e[0m", self->m_name.c_str(),

@@ -4,9 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -68,7 +69,33 @@ std::vector<std::string> FileLines(const std::string& content) {
   return lines;
 }
 
-const std::regex kPrefix(R"(^(\d\d):(\d\d):(\d\d)\.\d{3}\.\d{3} ([A-Za-z]+): )");
+// A line's prefix "HH:MM:SS.mmm.uuu <Name>: " taken apart; ok is false when malformed.
+struct Prefix {
+  bool ok = false;
+  int secondsOfDay = 0;
+  std::string name;
+  std::string rest;  // the text after the prefix
+};
+
+Prefix ParsePrefix(const std::string& line) {
+  Prefix p;
+  const char* pattern = "dd:dd:dd.ddd.ddd ";
+  const size_t n = strlen(pattern);
+  if (line.size() < n) return p;
+  for (size_t i = 0; i < n; ++i) {
+    bool digit = line[i] >= '0' && line[i] <= '9';
+    if (pattern[i] == 'd' ? !digit : line[i] != pattern[i]) return p;
+  }
+  size_t colon = line.find(": ", n);
+  if (colon == std::string::npos || colon == n) return p;
+  p.name = line.substr(n, colon - n);
+  for (char c : p.name)
+    if (!isalpha(static_cast<unsigned char>(c))) return p;
+  p.secondsOfDay = std::stoi(line.substr(0, 2)) * 3600 + std::stoi(line.substr(3, 2)) * 60 + std::stoi(line.substr(6, 2));
+  p.rest = line.substr(colon + 2);
+  p.ok = true;
+  return p;
+}
 
 class LoggerTest : public ::testing::Test {
  protected:
@@ -87,19 +114,19 @@ TEST_F(LoggerTest, FileLineHasTimePrefixLevelNameAndEndsWithNewlineAndZero) {
 
   std::vector<std::string> lines = FileLines(content);
   ASSERT_EQ(2u, lines.size());
-  std::smatch m;
-  ASSERT_TRUE(std::regex_search(lines[0], m, kPrefix)) << lines[0];
-  EXPECT_EQ("Info", m[4].str());
-  EXPECT_EQ("CX::Method - value 42 of meter", m.suffix().str());
-  ASSERT_TRUE(std::regex_search(lines[1], m, kPrefix)) << lines[1];
-  EXPECT_EQ("Err", m[4].str());
-  EXPECT_EQ("second", m.suffix().str());
+  Prefix p = ParsePrefix(lines[0]);
+  ASSERT_TRUE(p.ok) << lines[0];
+  EXPECT_EQ("Info", p.name);
+  EXPECT_EQ("CX::Method - value 42 of meter", p.rest);
+  Prefix q = ParsePrefix(lines[1]);
+  ASSERT_TRUE(q.ok) << lines[1];
+  EXPECT_EQ("Err", q.name);
+  EXPECT_EQ("second", q.rest);
 
   // the clock part is the local time of day
-  ASSERT_TRUE(std::regex_search(lines[0], m, kPrefix));
   struct tm local;
   localtime_r(&before, &local);
-  int logged = std::stoi(m[1]) * 3600 + std::stoi(m[2]) * 60 + std::stoi(m[3]);
+  int logged = p.secondsOfDay;
   int expected = local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
   int diff = (logged - expected + 86400) % 86400;
   EXPECT_LE(diff, 2) << lines[0];
@@ -112,10 +139,10 @@ TEST_F(LoggerTest, LongMessageIsCutAt127Characters) {
   log.Warning("%s", longText.c_str());
   std::vector<std::string> lines = FileLines(ReadFile(path));
   ASSERT_EQ(1u, lines.size());
-  std::smatch m;
-  ASSERT_TRUE(std::regex_search(lines[0], m, kPrefix));
-  EXPECT_EQ("Warning", m[4].str());
-  EXPECT_EQ(longText.substr(0, 127), m.suffix().str());
+  Prefix p = ParsePrefix(lines[0]);
+  ASSERT_TRUE(p.ok) << lines[0];
+  EXPECT_EQ("Warning", p.name);
+  EXPECT_EQ(longText.substr(0, 127), p.rest);
 }
 
 TEST_F(LoggerTest, EachLevelWritesOnlyAtOrAboveItsThresholdWithItsName) {
@@ -142,10 +169,10 @@ TEST_F(LoggerTest, EachLevelWritesOnlyAtOrAboveItsThresholdWithItsName) {
     (log.*row.fn)("at");
     std::vector<std::string> lines = FileLines(ReadFile(path));
     ASSERT_EQ(1u, lines.size());
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(lines[0], m, kPrefix));
-    EXPECT_EQ(row.name, m[4].str());
-    EXPECT_EQ("at", m.suffix().str());
+    Prefix p = ParsePrefix(lines[0]);
+    ASSERT_TRUE(p.ok) << lines[0];
+    EXPECT_EQ(row.name, p.name);
+    EXPECT_EQ("at", p.rest);
   }
 }
 
@@ -189,10 +216,10 @@ TEST_F(LoggerTest, StderrTakesPrecedenceOverTheFile) {
   log.Notice("to %s", "stderr");
   std::string text = err.Text();
   EXPECT_FALSE(FileExists(path));
-  std::smatch m;
-  ASSERT_TRUE(std::regex_search(text, m, kPrefix)) << text;
-  EXPECT_EQ("Notice", m[4].str());
-  EXPECT_EQ("to stderr\n", m.suffix().str());  // no zero byte on standard error
+  Prefix p = ParsePrefix(text);
+  ASSERT_TRUE(p.ok) << text;
+  EXPECT_EQ("Notice", p.name);
+  EXPECT_EQ("to stderr\n", p.rest);  // no zero byte on standard error
 }
 
 TEST_F(LoggerTest, StderrAlsoTakesPrecedenceOverSyslog) {
@@ -201,10 +228,10 @@ TEST_F(LoggerTest, StderrAlsoTakesPrecedenceOverSyslog) {
   FdCapture err(2);
   log.Crit("via stderr");
   std::string text = err.Text();
-  std::smatch m;
-  ASSERT_TRUE(std::regex_search(text, m, kPrefix)) << text;
-  EXPECT_EQ("Crit", m[4].str());
-  EXPECT_EQ("via stderr\n", m.suffix().str());
+  Prefix p = ParsePrefix(text);
+  ASSERT_TRUE(p.ok) << text;
+  EXPECT_EQ("Crit", p.name);
+  EXPECT_EQ("via stderr\n", p.rest);
 }
 
 TEST_F(LoggerTest, DumpWritesTitleAndHexBytesWithoutPrefixOrZeroByte) {
@@ -304,14 +331,17 @@ TEST_F(LoggerTest, ConcurrentLinesStayWhole) {
   for (auto& th : threads) th.join();
   std::vector<std::string> lines = FileLines(ReadFile(path));
   ASSERT_EQ(static_cast<size_t>(kThreads * kLines), lines.size());
-  const std::regex whole(R"(^\d\d:\d\d:\d\d\.\d{3}\.\d{3} Info: thread (\d) line (\d{3}) ([a-d])\3{59}$)");
   std::vector<int> next(kThreads, 0);
   for (const std::string& line : lines) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(line, m, whole)) << line;
-    int t = std::stoi(m[1]);
-    EXPECT_EQ('a' + t, m[3].str()[0]);
-    EXPECT_EQ(next[t]++, std::stoi(m[2]));  // each thread's lines in its own order
+    Prefix p = ParsePrefix(line);
+    ASSERT_TRUE(p.ok) << line;
+    EXPECT_EQ("Info", p.name);
+    int t = -1, i = -1;
+    char tail[128] = {0};
+    ASSERT_EQ(3, sscanf(p.rest.c_str(), "thread %d line %d %127s", &t, &i, tail)) << line;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    EXPECT_EQ(std::string(60, static_cast<char>('a' + t)), tail) << line;
+    EXPECT_EQ(next[t]++, i);  // each thread's lines in its own order
   }
 }
 
