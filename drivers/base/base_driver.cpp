@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <mutex>
 
 #include "app/clock.h"
 #include "log/logger.h"
@@ -59,6 +60,15 @@ struct CancellationUnwindGuard {
 #endif
   }
 };
+
+// All drivers of the process share one serial line. The turn hands the line to one
+// driver at a time; the lag test that each driver runs after giving its turn back also
+// talks to its meter, so every use of the line is made under this lock as well, and a
+// late lag test can never interleave its frames with the turn holder's.
+std::mutex& LineMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
 
 bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -212,6 +222,7 @@ void CMcdBaseDriver::functionThread() {
   time_t nextDaily = nextHourly;
 
   while (!GetTurn()) mcd::Sleep(5);
+  std::unique_lock<std::mutex> line(LineMutex());
 
   client->SetConnectionState(false);
   LOG_DEBUG("CMcdBaseDriver::functionThread - the original state of the connection controller.");
@@ -232,8 +243,11 @@ void CMcdBaseDriver::functionThread() {
   if (isVkt9) client->WriteVKT9Timestamp();
   LOG_DEBUG("CMcdBaseDriver::functionThread - connecting to controller registered.");
 
+  line.unlock();
+
   for (;;) {
     while (!GetTurn()) mcd::Sleep(25);
+    line.lock();
 
     // The pause files are looked at anew before each step, so a pause that starts in
     // the middle of a cycle skips only what remains of it.
@@ -247,10 +261,13 @@ void CMcdBaseDriver::functionThread() {
     if (mcd::Now() >= nextDaily && MayPoll()) nextDaily = ReadDailyArch();
 
     archives_current.store(!ArchivesLag());
+    line.unlock();
     ClearTurn();
 
-    // Asked again after the turn is given back; its meter exchange is outside the turn.
+    // Asked again after the turn is given back: outside the turn, but under the line lock.
+    line.lock();
     const bool lag = ArchivesLag();
+    line.unlock();
     Wait(period, lag);
   }
 }
