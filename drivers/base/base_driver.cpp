@@ -11,17 +11,6 @@
 #include "log/logger.h"
 #include "server/paths.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define MCD_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define MCD_ASAN 1
-#endif
-#endif
-#ifdef MCD_ASAN
-#include <sanitizer/asan_interface.h>
-#endif
-
 namespace {
 
 constexpr long kHour = 3600;
@@ -38,28 +27,6 @@ constexpr int kFirstArchiveHoldBack = 600;
 // VKT-7/VKT-9 hold-off after a connection start, unless archives are three days behind.
 constexpr long kVktHoldOff = 5400;
 constexpr long kVktBehindLimit = 259201;
-
-// The loop ends only by cancellation, which unwinds the stack without returning through
-// the frames. AddressSanitizer would keep the guard zones of the frames below the loop
-// marked and then trip over them when the thread's exit code reuses that stack. This
-// guard, destroyed as the unwinding passes through the loop, clears the whole unused
-// part of the stack below it.
-struct CancellationUnwindGuard {
-  ~CancellationUnwindGuard() {
-#ifdef MCD_ASAN
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
-    void* low = nullptr;
-    size_t size = 0;
-    if (pthread_attr_getstack(&attr, &low, &size) == 0 && low) {
-      char* here = static_cast<char*>(__builtin_frame_address(0));
-      char* bottom = static_cast<char*>(low);
-      if (here > bottom && here <= bottom + size) __asan_unpoison_memory_region(bottom, here - bottom);
-    }
-    pthread_attr_destroy(&attr);
-#endif
-  }
-};
 
 // All drivers of the process share one serial line. The turn hands the line to one
 // driver at a time; the lag test that each driver runs after giving its turn back also
@@ -207,7 +174,6 @@ void CMcdBaseDriver::WaitVKT9() {
 }
 
 void CMcdBaseDriver::functionThread() {
-  CancellationUnwindGuard unwindGuard;
   const bool isVkt7 = Manufacturer() == "vkt-7";
   const bool isVkt9 = Manufacturer() == "vkt-9";
   LOG_INFO("CMcdBaseDriver::functionThread begin execute thread.");
