@@ -1,7 +1,7 @@
 // Process-wide log sink with eight syslog-style levels.
 //
 // One instance per process, reached through logger::get(); every log call is
-// skipped while no instance exists (use the MCD_LOG_* macros, which do that test).
+// skipped while no instance exists (use the LOG_* macros, which do that test).
 // Output goes to exactly one of: standard error (when the stderr flag is set), syslog
 // (when constructed with the syslog flag), or a log file opened, written, synced and
 // closed for every single line.
