@@ -51,6 +51,14 @@ set(ENV{PKG_CONFIG_LIBDIR}
     "${MCD_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${MCD_ARMHF_SYSROOT}/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 
+# 64-bit file offsets and inode numbers (readdir64, stat64). Without them readdir() and
+# stat() of a 32-bit program fail with EOVERFLOW on file systems that hand out 64-bit
+# directory offsets or inode numbers (ext4 directory hashes seen by a 64-bit kernel,
+# which is what qemu-user runs on, and large storage cards). time_t stays 32 bits: the
+# Debian armhf libraries the daemon links are built that way.
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+
 # The armhf libraries' own dependencies (libcurl -> libssl, libnghttp2, ...) are found
 # through the sysroot when the linker follows DT_NEEDED entries.
 set(CMAKE_EXE_LINKER_FLAGS_INIT

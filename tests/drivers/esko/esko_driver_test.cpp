@@ -120,21 +120,24 @@ TEST(EskoDriverParse, PageDateMustMatchTheRequest) {
   mcdtest::TempRoot root;
   Cmcd_TM3E driver;
   const time_t ten = Local(2024, 3, 5, 10);
+  // Upper bound of the reading window, far enough ahead; ten * 2 would overflow a
+  // 32-bit time_t (armhf).
+  const time_t later = ten + 30 * 86400;
   ParamValueList out;
   {
     LogMark log;
-    EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 260, 0, ARCH_HOURLY, ten + 3600, 0, ten * 2, out));
+    EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 260, 0, ARCH_HOURLY, ten + 3600, 0, later, out));
     EXPECT_EQ(log.Count("Cmcd_TM3E::FindArchDate - Returned Hour 10 != requested 11!"), 1u);
   }
   {
     LogMark log;
-    EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 260, 1, ARCH_DAILY, Local(2024, 3, 6, 0), 0, ten * 2, out));
+    EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 260, 1, ARCH_DAILY, Local(2024, 3, 6, 0), 0, later, out));
     EXPECT_EQ(log.Count("Returned Day 5 != requested 6!"), 1u);
   }
   EXPECT_TRUE(out.empty());
   // A daily request does not compare the hour; the record is stamped one day earlier.
   const time_t midnight = Local(2024, 3, 5, 0);
-  ASSERT_TRUE(driver.ParseArchPage(Page(ten).data(), 260, 1, ARCH_DAILY, midnight, 0, ten * 2, out));
+  ASSERT_TRUE(driver.ParseArchPage(Page(ten).data(), 260, 1, ARCH_DAILY, midnight, 0, later, out));
   ASSERT_FALSE(out.empty());
   EXPECT_EQ(out.front().timestamp, ten - 86400);
   EXPECT_EQ(out.front().kind, ARCH_DAILY);
@@ -143,7 +146,7 @@ TEST(EskoDriverParse, PageDateMustMatchTheRequest) {
   EXPECT_TRUE(driver.ParseArchPage(Page(ten).data(), 260, 0, ARCH_HOURLY, ten, ten + 3600, ten + 7200, none));
   EXPECT_TRUE(none.empty());
   // A short page is refused.
-  EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 200, 0, ARCH_HOURLY, ten, 0, ten * 2, none));
+  EXPECT_FALSE(driver.ParseArchPage(Page(ten).data(), 200, 0, ARCH_HOURLY, ten, 0, later, none));
 }
 
 // A small meter behind a scripted connector: memory for 'R', values for 'G', a clock,
