@@ -39,7 +39,7 @@ class Vkt7LinkTest : public ::testing::Test {
 
 TEST_F(Vkt7LinkTest, CompletesTheChecksumAndReturnsTheWholeAnswer) {
   Bytes answer = WithCrc({0x00, 0x03, 0x04, 0x11, 0x22, 0x33, 0x44});
-  Play([&](size_t, const Bytes&) { return std::vector<Bytes>{answer}; });
+  Play([=](size_t, const Bytes&) { return std::vector<Bytes>{answer}; });
   Bytes request = ReadRequest();
   CVKT7Buffer view = link->SendString(request.data(), static_cast<unsigned short>(request.size()), "GetSystemData", false);
 
@@ -58,7 +58,7 @@ TEST_F(Vkt7LinkTest, CompletesTheChecksumAndReturnsTheWholeAnswer) {
 }
 
 TEST_F(Vkt7LinkTest, EmptyReadAnswerIsFiveBytesAndAViewOfThree) {
-  Play([&](size_t index, const Bytes&) {
+  Play([=](size_t index, const Bytes&) {
     // the second exchange proves that nothing of the first answer was left unread
     if (index == 0) return std::vector<Bytes>{WithCrc({0x00, 0x03, 0x00})};
     return std::vector<Bytes>{WithCrc({0x00, 0x03, 0x01, 0x7E})};
@@ -72,7 +72,7 @@ TEST_F(Vkt7LinkTest, EmptyReadAnswerIsFiveBytesAndAViewOfThree) {
 }
 
 TEST_F(Vkt7LinkTest, WriteConfirmationIsEightBytes) {
-  Play([&](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x10, 0x3F, 0xFD, 0x00, 0x00})}; });
+  Play([=](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x10, 0x3F, 0xFD, 0x00, 0x00})}; });
   Bytes request = {0xFF, 0xFF, 0x00, 0x10, 0x3F, 0xFD, 0x00, 0x00, 0x02, 0x04, 0x00, 0x00, 0x00};
   CVKT7Buffer view = link->SendString(request.data(), 13, "select", false);
   EXPECT_EQ(view.remaining(), 0x3F + 3);  // the view's length follows answer[2]
@@ -81,7 +81,7 @@ TEST_F(Vkt7LinkTest, WriteConfirmationIsEightBytes) {
 
 TEST_F(Vkt7LinkTest, ErrorAnswerNotToleratedWritesTheDebugLineAndThrows) {
   LogCapture log;
-  Play([&](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x83, 0x02, 0x01})}; });
+  Play([=](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x83, 0x02, 0x01})}; });
   Bytes request = ReadRequest();
   EXPECT_THROW(link->SendString(request.data(), 10, "GetSystemData", false), CDisconnectException);
 
@@ -111,7 +111,7 @@ TEST_F(Vkt7LinkTest, ErrorAnswerNotToleratedWritesTheDebugLineAndThrows) {
 }
 
 TEST_F(Vkt7LinkTest, ToleratedErrorAnswerReturnsNoViewAndTheCode) {
-  Play([&](size_t index, const Bytes&) {
+  Play([=](size_t index, const Bytes&) {
     if (index == 0) return std::vector<Bytes>{WithCrc({0x00, 0x90, 0x03, 0x00})};
     return std::vector<Bytes>{WithCrc({0x00, 0x03, 0x01, 0x55})};
   });
@@ -129,7 +129,7 @@ TEST_F(Vkt7LinkTest, ToleratedErrorAnswerReturnsNoViewAndTheCode) {
 
 TEST_F(Vkt7LinkTest, WrongChecksumIsNotRetried) {
   LogCapture log;
-  Play([&](size_t, const Bytes&) {
+  Play([=](size_t, const Bytes&) {
     Bytes answer = WithCrc({0x00, 0x03, 0x02, 0x01, 0x02});
     answer.back() ^= 0xFF;
     return std::vector<Bytes>{answer};
@@ -144,7 +144,7 @@ TEST_F(Vkt7LinkTest, WrongChecksumIsNotRetried) {
 
 TEST_F(Vkt7LinkTest, UnknownAnswerTypeIsNotRetried) {
   LogCapture log;
-  Play([&](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x04, 0x00})}; });
+  Play([=](size_t, const Bytes&) { return std::vector<Bytes>{WithCrc({0x00, 0x04, 0x00})}; });
   Bytes request = ReadRequest();
   EXPECT_THROW(link->SendString(request.data(), 10, "GetSystemData", false), CDisconnectException);
   EXPECT_EQ(log.Count("CVKT7LowLevelConnector::SendString - WrongTypePacket"), 1u);
@@ -153,7 +153,7 @@ TEST_F(Vkt7LinkTest, UnknownAnswerTypeIsNotRetried) {
 
 TEST_F(Vkt7LinkTest, SilentMeterIsAskedThreeTimes) {
   LogCapture log;
-  Play([&](size_t, const Bytes&) { return std::vector<Bytes>{}; });
+  Play([=](size_t, const Bytes&) { return std::vector<Bytes>{}; });
   Bytes request = ReadRequest();
   EXPECT_THROW(link->SendString(request.data(), 10, "GetSystemData", false), CWrongPacketException);
   EXPECT_EQ(peer->Requests().size(), 3u);
@@ -167,7 +167,7 @@ TEST_F(Vkt7LinkTest, SilentMeterIsAskedThreeTimes) {
 TEST_F(Vkt7LinkTest, AnswerArrivingInPiecesIsJoined) {
   LogCapture log;
   Bytes answer = WithCrc({0x00, 0x03, 0x06, 1, 2, 3, 4, 5, 6});
-  Play([&](size_t index, const Bytes&) {
+  Play([=](size_t index, const Bytes&) {
     // the first attempt stops after the header and the meter goes silent; the second
     // attempt gets the answer in two pieces
     if (index == 0) return std::vector<Bytes>{Bytes(answer.begin(), answer.begin() + 3)};
