@@ -21,6 +21,7 @@
 #include <sstream>
 #include <thread>
 
+#include "log/logger.h"
 #include "server/paths.h"
 
 extern char** environ;
@@ -105,6 +106,65 @@ std::vector<std::string> ListDir(const std::string& path) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+time_t LocalHourStart(time_t t) {
+  struct tm tmv;
+  localtime_r(&t, &tmv);
+  tmv.tm_min = 0;
+  tmv.tm_sec = 0;
+  tmv.tm_isdst = -1;
+  return mktime(&tmv);
+}
+
+time_t LocalMidnight(time_t t) {
+  struct tm tmv;
+  localtime_r(&t, &tmv);
+  tmv.tm_hour = 0;
+  tmv.tm_min = 0;
+  tmv.tm_sec = 0;
+  tmv.tm_isdst = -1;
+  return mktime(&tmv);
+}
+
+namespace {
+void RemoveCaptureFile() {
+  const char* keep = getenv("MCD_KEEP_TEST_ROOT");
+  if (!(keep && *keep)) unlink(LogCapture::Path().c_str());
+}
+}  // namespace
+
+const std::string& LogCapture::Path() {
+  static const std::string path = [] {
+    char name[] = "/tmp/mcdtest_log_XXXXXX";
+    int fd = mkstemp(name);
+    if (fd >= 0) close(fd);
+    return std::string(name);
+  }();
+  // registered once the name is complete, so the removal runs before the name goes
+  static const bool removeAtExit = atexit(RemoveCaptureFile) == 0;
+  (void)removeAtExit;
+  return path;
+}
+
+LogCapture::LogCapture(int level) {
+  logger* log = logger::getInstance(Path().c_str(), false);
+  log->setStderr(false);
+  log->setMaxSize(1 << 30);
+  log->setLevel(level);
+  m_start = ReadFile(Path()).size();
+}
+
+std::string LogCapture::Text() const {
+  std::string all = ReadFile(Path());
+  return all.size() > m_start ? all.substr(m_start) : std::string();
+}
+
+size_t LogCapture::Count(const std::string& needle) const {
+  std::string text = Text();
+  size_t n = 0;
+  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
+  return n;
 }
 
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <ctime>
+
 #include <chrono>
 #include <functional>
 #include <map>
@@ -48,6 +50,25 @@ std::vector<std::string> ListDir(const std::string& path);  // sorted names, no 
 
 // Polls pred every 20 ms until it holds or the time-out passes; returns the last result.
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
+
+// Start of the local hour of t, and local midnight of t's day.
+time_t LocalHourStart(time_t t);
+time_t LocalMidnight(time_t t);
+
+// The process logger writes into one file per test program (created on first use,
+// removed at exit unless MCD_KEEP_TEST_ROOT is set). A capture sets the level and sees
+// the lines written since it was made.
+class LogCapture {
+ public:
+  explicit LogCapture(int level = 7 /* TL_DEBUG */);
+  std::string Text() const;
+  // How often needle occurs in Text().
+  size_t Count(const std::string& needle) const;
+  static const std::string& Path();
+
+ private:
+  size_t m_start = 0;
+};
 
 // A child process started with posix_spawn; stdout and stderr go to files.
 class ChildProcess {

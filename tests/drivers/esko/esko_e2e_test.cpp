@@ -13,14 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-time_t HourStart(time_t t) {
-  struct tm v;
-  localtime_r(&t, &v);
-  v.tm_min = v.tm_sec = 0;
-  v.tm_isdst = -1;
-  return mktime(&v);
-}
-
 time_t Midnight(time_t t, int days = 0) {
   struct tm v;
   localtime_r(&t, &v);
@@ -61,7 +53,7 @@ void ExpectMassArchive(const std::string& path, const Meter& m, int sys, bool ho
   ASSERT_EQ(static_cast<int>(lines.size()), count) << path;
   for (int i = 0; i < count; ++i) {
     // record i closes the interval that starts at t
-    const time_t closing = hourly ? HourStart(now) - (count - 1 - i) * 3600 : Midnight(now, -(count - 1 - i));
+    const time_t closing = hourly ? mcdtest::LocalHourStart(now) - (count - 1 - i) * 3600 : Midnight(now, -(count - 1 - i));
     const time_t t = hourly ? closing - 3600 : Midnight(closing, -1);
     struct tm c;
     localtime_r(&closing, &c);
@@ -108,12 +100,12 @@ TEST(EskoDaemonEndToEnd, ThreeMetersOnOneLine) {
       },
       90s))
       << daemon.Stderr();
-  ASSERT_EQ(HourStart(time(nullptr)), HourStart(now)) << "the hour changed while the test ran";
+  ASSERT_EQ(mcdtest::LocalHourStart(time(nullptr)), mcdtest::LocalHourStart(now)) << "the hour changed while the test ran";
 
   for (const Meter& m : kMeters) {
     const std::string items = root.tmp(m.id + "/");
     const double a = m.addr;
-    EXPECT_EQ(ReadNumber(root.storage(m.id + "/timestamp_max_hourly")), HourStart(now) - 3600) << m.id;
+    EXPECT_EQ(ReadNumber(root.storage(m.id + "/timestamp_max_hourly")), mcdtest::LocalHourStart(now) - 3600) << m.id;
     for (int s = 0; s < 3; ++s) {
       const std::string dir = items + std::to_string(s + 1) + "/tc_items/";
       char text[64];

@@ -20,44 +20,17 @@ namespace eskotest {
 
 typedef std::vector<unsigned char> Bytes;
 
-// The process logger, writing at Debug level into one file for the whole test run.
+// The process logger at Debug level, in one file for the whole test run.
 inline const std::string& LogPath() {
-  static const std::string path = [] {
-    char name[] = "/tmp/esko_test_log_XXXXXX";
-    int fd = mkstemp(name);
-    if (fd >= 0) close(fd);
-    static std::string removeAtExit;
-    removeAtExit = name;
-    std::atexit([] { unlink(removeAtExit.c_str()); });
-    return std::string(name);
-  }();
-  static logger* log = [] {
-    logger* l = logger::getInstance(path.c_str(), false);
-    l->setLevel(logger::TL_DEBUG);
-    l->setMaxSize(1 << 30);
-    return l;
-  }();
-  (void)log;
-  return path;
+  static const mcdtest::LogCapture capture(logger::TL_DEBUG);
+  (void)capture;
+  return mcdtest::LogCapture::Path();
 }
 
 // Marks the log's current end; Text() returns what was logged since.
-class LogMark {
+class LogMark : public mcdtest::LogCapture {
  public:
-  LogMark() : m_start(mcdtest::ReadFile(LogPath()).size()) {}
-  std::string Text() const {
-    std::string all = mcdtest::ReadFile(LogPath());
-    return all.size() > m_start ? all.substr(m_start) : std::string();
-  }
-  size_t Count(const std::string& needle) const {
-    std::string t = Text();
-    size_t n = 0;
-    for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1)) ++n;
-    return n;
-  }
-
- private:
-  size_t m_start;
+  LogMark() : mcdtest::LogCapture((LogPath(), logger::TL_DEBUG)) {}
 };
 
 inline unsigned char Sum(const unsigned char* p, size_t n) {

@@ -11,36 +11,11 @@
 
 #include "drivers/base/value_text.h"
 #include "support/test_support.h"
+#include "vkt7_test_util.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-time_t HourStart(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-time_t Midnight(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_hour = 0;
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-// The simulator's value of an integer element: base + n % 100, with the digits.
-std::string SimValue(int base, long n, int digits) {
-  double raw = base + n % 100;
-  for (int i = 0; i < digits; ++i) raw /= 10;
-  return mcd::StreamText(raw);
-}
 
 long ReadNumber(const std::string& path) {
   std::string text = mcdtest::ReadFile(path);
@@ -54,7 +29,7 @@ void ExpectArchive(const std::string& path, time_t first, time_t last, long step
   ASSERT_EQ(static_cast<long>(lines.size()), (last - first) / step + 1) << path;
   for (size_t i = 0; i < lines.size(); ++i) {
     const time_t t = first + static_cast<time_t>(i) * step;
-    EXPECT_EQ(lines[i], std::to_string(t) + ",192," + SimValue(base, t / step, digits)) << path << " line " << i;
+    EXPECT_EQ(lines[i], std::to_string(t) + ",192," + vkt7test::SimValue(base, t / step, digits)) << path << " line " << i;
   }
 }
 
@@ -103,12 +78,12 @@ TEST(Vkt7DaemonEndToEnd, ReadsTheMeterAndResumesAfterTheBounds) {
   ASSERT_TRUE(server.Start(config));
 
   const time_t start = time(nullptr);
-  const time_t firstHour = HourStart(start) - 32 * 3600;
-  const time_t firstDay = Midnight(Midnight(start) - 4 * 86400 + 7200);
+  const time_t firstHour = mcdtest::LocalHourStart(start) - 32 * 3600;
+  const time_t firstDay = mcdtest::LocalMidnight(mcdtest::LocalMidnight(start) - 4 * 86400 + 7200);
   // The first run sees a meter clock 28 hours behind; the restart sees the real one.
   const long lag = 28 * 3600;
-  const time_t lastHour1 = HourStart(start - lag) - 3600;
-  const time_t lastDay1 = Midnight(Midnight(start - lag) - 43200);
+  const time_t lastHour1 = mcdtest::LocalHourStart(start - lag) - 3600;
+  const time_t lastDay1 = mcdtest::LocalMidnight(mcdtest::LocalMidnight(start - lag) - 43200);
   const std::vector<std::string> bounds = {"--first-hour", std::to_string(firstHour), "--first-day",
                                            std::to_string(firstDay)};
   const std::string hourlyBound = root.storage("71/timestamp_max_hourly");
@@ -161,8 +136,8 @@ TEST(Vkt7DaemonEndToEnd, ReadsTheMeterAndResumesAfterTheBounds) {
     ASSERT_TRUE(mcdtest::WaitFor(
         [&] {
           const time_t now = time(nullptr);
-          return ReadNumber(hourlyBound) == HourStart(now) - 3600 &&
-                 ReadNumber(dailyBound) == Midnight(Midnight(now) - 43200);
+          return ReadNumber(hourlyBound) == mcdtest::LocalHourStart(now) - 3600 &&
+                 ReadNumber(dailyBound) == mcdtest::LocalMidnight(mcdtest::LocalMidnight(now) - 43200);
         },
         60s))
         << run.Log();

@@ -15,32 +15,6 @@ using namespace vkt7test;
 
 namespace {
 
-time_t HourStart(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-time_t Midnight(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_hour = 0;
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-// The simulator's integer value of element i of system 0 for record number n.
-std::string SimValue(int base, long n, int digits) {
-  double raw = base + n % 100;
-  for (int i = 0; i < digits; ++i) raw /= 10;
-  return mcd::StreamText(raw);
-}
-
 std::vector<const ParamValue*> All(const ParamValueList& list, int param, int kind, int sys) {
   std::vector<const ParamValue*> out;
   for (const auto& v : list)
@@ -74,7 +48,7 @@ class Vkt7SimTest : public ::testing::Test {
 };
 
 TEST_F(Vkt7SimTest, SessionSystemAndCurrentValues) {
-  const time_t firstHour = HourStart(time(nullptr)) - 5 * 3600;
+  const time_t firstHour = mcdtest::LocalHourStart(time(nullptr)) - 5 * 3600;
   Start({"--first-hour", std::to_string(firstHour), "--report-day", "25"});
   driver->init();
   EXPECT_EQ(driver->BaseType(), 0);
@@ -116,7 +90,7 @@ TEST_F(Vkt7SimTest, SessionSystemAndCurrentValues) {
   Timestamps ts;
   ASSERT_NE(driver->GetTimestamps(ts), 0);
   EXPECT_EQ(ts.first_hour_arch, firstHour);
-  EXPECT_EQ(ts.first_day_arch, Midnight(Midnight(time(nullptr)) - 3 * 86400 + 7200));
+  EXPECT_EQ(ts.first_day_arch, mcdtest::LocalMidnight(mcdtest::LocalMidnight(time(nullptr)) - 3 * 86400 + 7200));
   EXPECT_LE(std::abs(ts.meter_time - static_cast<int32_t>(time(nullptr))), 3);
 }
 
@@ -126,7 +100,7 @@ class Vkt7HourlyTest : public Vkt7SimTest, public ::testing::WithParamInterface<
 
 TEST_P(Vkt7HourlyTest, BackfillWithAMaskChange) {
   LogCapture log(logger::TL_WARNING);
-  const time_t firstHour = HourStart(time(nullptr)) - 6 * 3600;
+  const time_t firstHour = mcdtest::LocalHourStart(time(nullptr)) - 6 * 3600;
   Start({"--first-hour", std::to_string(firstHour), "--mask-change-after", "2", "--mask-mode", GetParam()});
   driver->init();
   ParamValueList out;
@@ -137,7 +111,7 @@ TEST_P(Vkt7HourlyTest, BackfillWithAMaskChange) {
   for (int i = 0; i < 4; ++i) {
     const time_t t = firstHour + i * 3600;
     EXPECT_EQ(t1[i]->timestamp, t);
-    EXPECT_EQ(t1[i]->value, SimValue(5123, t / 3600, 2));
+    EXPECT_EQ(t1[i]->value, vkt7test::SimValue(5123, t / 3600, 2));
   }
   // element 18 (stop time, parameter 29) left the list after the second record
   std::vector<const ParamValue*> stop = All(out, 29, 4, 0);
@@ -152,10 +126,10 @@ TEST_P(Vkt7HourlyTest, BackfillWithAMaskChange) {
 INSTANTIATE_TEST_SUITE_P(Modes, Vkt7HourlyTest, ::testing::Values("code5", "byte5"));
 
 TEST_F(Vkt7SimTest, DailyRecordsWithTheMonthlyArchiveOnTheReportingDay) {
-  const time_t today = Midnight(time(nullptr));
-  const time_t firstDay = Midnight(today - 3 * 86400 + 7200);
-  const time_t yesterday = Midnight(today - 43200);
-  const time_t monthly = Midnight(today - 2 * 86400 + 7200);
+  const time_t today = mcdtest::LocalMidnight(time(nullptr));
+  const time_t firstDay = mcdtest::LocalMidnight(today - 3 * 86400 + 7200);
+  const time_t yesterday = mcdtest::LocalMidnight(today - 43200);
+  const time_t monthly = mcdtest::LocalMidnight(today - 2 * 86400 + 7200);
   struct tm tmv;
   localtime_r(&monthly, &tmv);
   Start({"--first-day", std::to_string(firstDay), "--report-day", std::to_string(tmv.tm_mday)});
@@ -169,13 +143,13 @@ TEST_F(Vkt7SimTest, DailyRecordsWithTheMonthlyArchiveOnTheReportingDay) {
   ASSERT_EQ(t1.size(), 3u);  // today has no record yet
   EXPECT_EQ(t1[0]->timestamp, firstDay);
   EXPECT_EQ(t1[2]->timestamp, yesterday);
-  EXPECT_EQ(t1[1]->value, SimValue(5123, t1[1]->timestamp / 86400, 2));
+  EXPECT_EQ(t1[1]->value, vkt7test::SimValue(5123, t1[1]->timestamp / 86400, 2));
 
   // one monthly record, of kind 2, with the time of work read most significant byte first
   std::vector<const ParamValue*> work = All(out, 18, 2, 0);
   ASSERT_EQ(work.size(), 1u);
   EXPECT_EQ(work[0]->timestamp, monthly);
-  EXPECT_EQ(work[0]->value, SimValue(7200, (tmv.tm_year + 1900) * 12 + tmv.tm_mon, 0));
+  EXPECT_EQ(work[0]->value, vkt7test::SimValue(7200, (tmv.tm_year + 1900) * 12 + tmv.tm_mon, 0));
   EXPECT_NE(mcdtest::ReadFile(root.storage("vkt7log.log")).find("TimeOfWork\n"), std::string::npos);
   EXPECT_NE(mcdtest::ReadFile(root.storage("vkt7log.log")).find("SyncActiveParameters41\n"), std::string::npos);
 }

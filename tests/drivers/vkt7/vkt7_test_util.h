@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "drivers/base/crc16.h"
+#include "drivers/base/value_text.h"
 #include "drivers/vkt7/vkt7_link.h"
 #include "log/logger.h"
 #include "support/test_support.h"
@@ -47,35 +48,14 @@ inline Bytes WithCrc(Bytes body) {
   return body;
 }
 
-// The process log goes to one file per test program; a capture sees what was
-// written since it was made.
-class LogCapture {
- public:
-  explicit LogCapture(int level = logger::TL_DEBUG) {
-    logger* log = logger::getInstance(Path().c_str(), false);
-    log->setStderr(false);
-    log->setMaxSize(1 << 30);
-    log->setLevel(level);
-    m_start = mcdtest::ReadFile(Path()).size();
-  }
-  std::string Text() const {
-    std::string all = mcdtest::ReadFile(Path());
-    return all.size() > m_start ? all.substr(m_start) : std::string();
-  }
-  size_t Count(const std::string& needle) const {
-    std::string text = Text();
-    size_t n = 0;
-    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
-    return n;
-  }
-  static const std::string& Path() {
-    static const std::string path = "/tmp/mcdtest_vkt7_" + std::to_string(getpid()) + ".log";
-    return path;
-  }
+using mcdtest::LogCapture;
 
- private:
-  size_t m_start = 0;
-};
+// The simulator's value of an integer element: base + n % 100, with the digits.
+inline std::string SimValue(int base, long n, int digits) {
+  double raw = base + n % 100;
+  for (int i = 0; i < digits; ++i) raw /= 10;
+  return mcd::StreamText(raw);
+}
 
 // Plays the meter on the master side of a pty. Requests are split by length: a read
 // is 10 bytes, a write 11 + its count byte. The script answers each request with a

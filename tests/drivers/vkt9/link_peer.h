@@ -30,45 +30,10 @@ using Bytes = std::vector<unsigned char>;
 inline Bytes FromText(const std::string& text) { return Bytes(text.begin(), text.end()); }
 inline std::string ToText(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
-// The process log goes to one file for the whole test program; each capture sees the
-// lines written since it was made.
-class LogCapture {
+// Link tests look at warnings and worse unless they ask for more.
+class LogCapture : public mcdtest::LogCapture {
  public:
-  explicit LogCapture(int level = logger::TL_WARNING) {
-    logger* log = logger::getInstance(Path().c_str(), false);
-    log->setStderr(false);
-    log->setLevel(level);
-    m_start = mcdtest::ReadFile(Path()).size();
-  }
-  std::string Text() const {
-    std::string all = mcdtest::ReadFile(Path());
-    return all.size() > m_start ? all.substr(m_start) : std::string();
-  }
-  size_t Count(const std::string& needle) const {
-    std::string text = Text();
-    size_t n = 0;
-    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
-    return n;
-  }
-  static const std::string& Path() {
-    static const std::string path = "/tmp/mcdtest_link_" + std::to_string(getpid()) + ".log";
-    // registered after the name is complete, so the removal runs before the name goes
-    static const bool removeAtExit = atexit(RemoveLogFile) == 0;
-    (void)removeAtExit;
-    return path;
-  }
-
- private:
-  // The file goes with the test program, unless the run asks to keep test files.
-  static void RemoveLogFile() {
-    const char* keep = getenv("MCD_KEEP_TEST_ROOT");
-    if (!(keep && *keep)) unlink(Path().c_str());
-  }
-
- public:
-
- private:
-  size_t m_start = 0;
+  explicit LogCapture(int level = logger::TL_WARNING) : mcdtest::LogCapture(level) {}
 };
 
 // Plays the meter. The splitter returns the length of the first complete request in
