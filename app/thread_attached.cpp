@@ -16,30 +16,20 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
-namespace {
-
-// A thread stopped with pthread_cancel unwinds without returning through its frames, so
-// AddressSanitizer keeps their guard zones marked and trips over them when the thread's
-// exit code reuses that stack. Destroyed as the unwinding passes the trampoline, this
-// clears the whole unused part of the stack below it.
-struct CancellationUnwindGuard {
-  ~CancellationUnwindGuard() {
+CancellationUnwindGuard::~CancellationUnwindGuard() {
 #ifdef MCD_THREAD_ASAN
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
-    void* low = nullptr;
-    size_t size = 0;
-    if (pthread_attr_getstack(&attr, &low, &size) == 0 && low) {
-      char* here = static_cast<char*>(__builtin_frame_address(0));
-      char* bottom = static_cast<char*>(low);
-      if (here > bottom && here <= bottom + size) __asan_unpoison_memory_region(bottom, here - bottom);
-    }
-    pthread_attr_destroy(&attr);
-#endif
+  pthread_attr_t attr;
+  if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
+  void* low = nullptr;
+  size_t size = 0;
+  if (pthread_attr_getstack(&attr, &low, &size) == 0 && low) {
+    char* here = static_cast<char*>(__builtin_frame_address(0));
+    char* bottom = static_cast<char*>(low);
+    if (here > bottom && here <= bottom + size) __asan_unpoison_memory_region(bottom, here - bottom);
   }
-};
-
-}  // namespace
+  pthread_attr_destroy(&attr);
+#endif
+}
 
 
 myThreadAttached::myThreadAttached() {

@@ -32,10 +32,30 @@ constexpr long kVktBehindLimit = 259201;
 // driver at a time; the lag test that each driver runs after giving its turn back also
 // talks to its meter, so every use of the line is made under this lock as well, and a
 // late lag test can never interleave its frames with the turn holder's.
-std::mutex& LineMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+std::mutex g_lineMutex;
+
+// Holds the line lock. Waiting for it is a cancellation point, and a cancelled thread
+// releases it on the way out.
+class LineHold {
+ public:
+  LineHold() = default;
+  LineHold(const LineHold&) = delete;
+  LineHold& operator=(const LineHold&) = delete;
+  ~LineHold() {
+    if (m_held) g_lineMutex.unlock();
+  }
+  void lock() {
+    while (!g_lineMutex.try_lock()) usleep(20000);
+    m_held = true;
+  }
+  void unlock() {
+    m_held = false;
+    g_lineMutex.unlock();
+  }
+
+ private:
+  bool m_held = false;
+};
 
 bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -174,6 +194,8 @@ void CMcdBaseDriver::WaitVKT9() {
 }
 
 void CMcdBaseDriver::functionThread() {
+  // Cancellation destroys the line lock and the value lists of this frame.
+  CancellationUnwindGuard unwindGuard;
   const bool isVkt7 = Manufacturer() == "vkt-7";
   const bool isVkt9 = Manufacturer() == "vkt-9";
   LOG_INFO("CMcdBaseDriver::functionThread begin execute thread.");
@@ -188,7 +210,8 @@ void CMcdBaseDriver::functionThread() {
   time_t nextDaily = nextHourly;
 
   while (!GetTurn()) mcd::Sleep(5);
-  std::unique_lock<std::mutex> line(LineMutex());
+  LineHold line;
+  line.lock();
 
   client->SetConnectionState(false);
   LOG_DEBUG("CMcdBaseDriver::functionThread - the original state of the connection controller.");

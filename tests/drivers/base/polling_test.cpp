@@ -375,4 +375,36 @@ TEST_F(PollingTest, Vkt7ThreadRecordsItsConnectionStart) {
   EXPECT_EQ(client->ReadVKT9Timestamp(), 0);
 }
 
+
+// Drivers share one line: while one is in the middle of a step, no other driver talks to
+// its meter, even when its own turn is set at the same moment.
+TEST_F(PollingTest, DriversNeverTalkOverEachOther) {
+  FakeDriver& a = Make({{"period_current", "700"}});
+  std::atomic<bool> aBusy{false}, release{false}, overlapped{false};
+  a.onCurrent = [&] {
+    aBusy.store(true);
+    while (!release.load()) usleep(1000);
+    aBusy.store(false);
+  };
+  Start("other");
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return aBusy.load(); }, 20s));
+
+  FakeDriver b;
+  b.stamps.meter_time = static_cast<int32_t>(kMeterTime);
+  b.SetJsonRpcConnector(client.get());
+  b.SetConfiguration({{"period_current", "700"}});
+  b.onSystem = [&] { overlapped.store(overlapped.load() || aBusy.load()); };
+  b.SetTurn();
+  b.start(&b, "other");
+
+  usleep(300000);  // b is ready to go and must still be waiting for the line
+  EXPECT_EQ(b.systems.load(), 0);
+  release.store(true);
+  EXPECT_TRUE(CycleDone());
+  EXPECT_TRUE(mcdtest::WaitFor([&] { return !b.GetTurn(); }, 20s));
+  EXPECT_EQ(b.systems.load(), 1);
+  EXPECT_FALSE(overlapped.load());
+  b.stop();
+}
+
 }  // namespace
