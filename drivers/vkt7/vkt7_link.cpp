@@ -54,6 +54,10 @@ CVKT7Buffer CVKT7LowLevelConnector::SendString(unsigned char* request, unsigned 
   mcd::AppendCrc16(request + 2, static_cast<size_t>(length) - 4);
 
   for (int attempt = 0; attempt < 3; ++attempt) {
+    // Bytes still waiting from an earlier exchange (the tail of a broken answer, or an
+    // answer that came after its time-out) would otherwise be taken for the head of
+    // this answer, and every later exchange would stay out of step with the meter.
+    m_connector->flush();
     if (m_connector->WriteBuffer(request, length, m_led) != static_cast<int>(length)) {
       LOG_CRIT("CVKT7LowLevelConnector::SendString - Sended not full string");
       throw CDisconnectException();

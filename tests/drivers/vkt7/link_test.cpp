@@ -1,6 +1,8 @@
 // The VKT-7 link layer against a meter played on a pseudo-terminal.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <memory>
 #include <cstdio>
 #include <ctime>
@@ -149,6 +151,24 @@ TEST_F(Vkt7LinkTest, UnknownAnswerTypeIsNotRetried) {
   EXPECT_THROW(link->SendString(request.data(), 10, "GetSystemData", false), CDisconnectException);
   EXPECT_EQ(log.Count("CVKT7LowLevelConnector::SendString - WrongTypePacket"), 1u);
   EXPECT_EQ(peer->Requests().size(), 1u);
+}
+
+TEST_F(Vkt7LinkTest, TailOfABrokenAnswerDoesNotSpoilTheNextExchange) {
+  // The first answer has an unknown type and twenty more bytes behind it; the second
+  // is a good answer that must be read from its own first byte.
+  Bytes broken = {0x00, 0x04};
+  for (int i = 0; i < 20; ++i) broken.push_back(static_cast<unsigned char>(0x30 + i));
+  Bytes good = WithCrc({0x00, 0x03, 0x02, 0xAB, 0xCD});
+  Play([=](size_t index, const Bytes&) { return std::vector<Bytes>{index == 0 ? broken : good}; });
+  Bytes request = ReadRequest();
+  EXPECT_THROW(link->SendString(request.data(), 10, "GetSystemData", false), CDisconnectException);
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return peer->Requests().size() == 1; }, std::chrono::seconds(2)));
+  usleep(100000);  // the whole broken answer is in the line's input by now
+  request = ReadRequest();
+  CVKT7Buffer view = link->SendString(request.data(), 10, "GetSystemData", false);
+  ASSERT_EQ(view.remaining(), 5);
+  EXPECT_EQ(view[3], 0xAB);
+  EXPECT_EQ(view[4], 0xCD);
 }
 
 TEST_F(Vkt7LinkTest, SilentMeterIsAskedThreeTimes) {
