@@ -325,6 +325,7 @@ int Cmcd_VKT7::GetTimestamps(Timestamps& out) {
     ParseTimestamps(Read(0x3FF6, "GetTimestamps"), got);
     got.meter_time = static_cast<int32_t>(GetCurrentTimestamp());
     out = got;
+    m_archBroken = false;
     return 1;
   } catch (const std::exception& e) {
     LOG_ERR("Cmcd_VKT7::GetTimestamps - exchange failed: %s", e.what());
@@ -527,6 +528,11 @@ int Cmcd_VKT7::get_arch_values(int type, time_t from, time_t to, ParamValueList&
   } else {
     return 2;
   }
+  if (m_archBroken) {
+    LOG_ERR("Cmcd_VKT7::get_arch_values - link failed earlier in this reading, %s records left for the next turn",
+            label);
+    return -1;
+  }
   ParamValueList got;
   try {
     SelectDataType(dataType, "get_arch_values_1");
@@ -556,6 +562,7 @@ int Cmcd_VKT7::get_arch_values(int type, time_t from, time_t to, ParamValueList&
     }
   } catch (const std::exception& e) {
     LOG_ERR("Cmcd_VKT7::get_arch_values - exchange failed: %s", e.what());
+    m_archBroken = true;
     return -1;
   }
   out.splice(out.end(), got);

@@ -122,4 +122,8 @@ class Cmcd_VKT7 : public CMcdBaseDriver {
   unsigned char m_typeByte = 0;
   unsigned char m_reportDay = 0;
   unsigned char m_lastSystemByte = 0;
+  // Set when an archive reading fails on the link, cleared by the next clock read: the
+  // loop walks the hours block by block, and a block read after a failed one would
+  // raise the filed bound over the records that the failed block still owes.
+  bool m_archBroken = false;
 };

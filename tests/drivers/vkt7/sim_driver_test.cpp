@@ -189,4 +189,26 @@ TEST_F(Vkt7SimTest, BrokenAnswersGiveEmptyResults) {
   EXPECT_NE(driver->GetTimestamps(ts), 0);
 }
 
+TEST_F(Vkt7SimTest, AfterAFailedArchiveBlockNoLaterBlockIsReadUntilTheClockIsReadAgain) {
+  // A later block filed after a failed one would move the bound past the failed
+  // block's records, and they would never be asked for again.
+  LogCapture log(logger::TL_ERR);
+  const std::string control = root.root() + "/control.json";
+  const time_t firstHour = mcdtest::LocalHourStart(time(nullptr)) - 8 * 3600;
+  Start({"--control", control, "--first-hour", std::to_string(firstHour)});
+  driver->init();
+  mcdtest::WriteFile(control, "{\"bad_checksum\": true}");
+  ParamValueList out;
+  EXPECT_EQ(driver->get_arch_values(4, firstHour, firstHour + 3600, out), -1);
+  mcdtest::WriteFile(control, "{}");
+  EXPECT_EQ(driver->get_arch_values(4, firstHour + 7200, firstHour + 3 * 3600, out), -1);
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(log.Count("Cmcd_VKT7::get_arch_values - link failed earlier in this reading, HOURLY records left"), 1u);
+
+  Timestamps ts;
+  ASSERT_NE(driver->GetTimestamps(ts), 0);
+  EXPECT_EQ(driver->get_arch_values(4, firstHour, firstHour + 3600, out), 0);
+  EXPECT_EQ(All(out, 6, 4, 0).size(), 2u);
+}
+
 }  // namespace
