@@ -39,6 +39,7 @@ class CJSONRPCConnector {
   std::string GetItemsDir(int i);
   std::string GetArchiveDir(int i, bool temporary);
   bool WriteItems(const ParamValueList& list);
+  // False when a line could not be written; the bound is then left unchanged.
   bool WriteArchive(const ParamValueList& list, int archiveType, bool temporary);
   void SetConnectionState(bool connected);
   bool WriteMaxTimestamp(int archiveType, long t);

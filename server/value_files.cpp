@@ -6,6 +6,7 @@
 #include <ctime>
 #include <iterator>
 
+#include "log/logger.h"
 #include "server/file_util.h"
 #include "server/jsonrpc_connector.h"
 #include "server/param_names.h"
@@ -78,6 +79,7 @@ bool CJSONRPCConnector::WriteItems(const ParamValueList& list) {
 
 bool CJSONRPCConnector::WriteArchive(const ParamValueList& list, int archiveType, bool temporary) {
   long newest = 0;
+  bool complete = true;
   for (const ParamValue& pv : list) {
     const std::string* name = FindParamName(pv.kind, pv.paramId);
     if (!name) continue;
@@ -87,9 +89,16 @@ bool CJSONRPCConnector::WriteArchive(const ParamValueList& list, int archiveType
       fileTime += 3600;  // an hourly entry is filed at the end of its hour
     else if (pv.kind == 2)
       fileTime += 86400;  // a daily entry at the end of its day
-    mcd::fs::AppendToFile(GetArchiveDir(pv.sys, toTemporary) + *name, ArchiveLine(fileTime, pv.quality, pv.value));
+    const std::string path = GetArchiveDir(pv.sys, toTemporary) + *name;
+    if (!mcd::fs::AppendToFile(path, ArchiveLine(fileTime, pv.quality, pv.value))) {
+      if (complete) LOG_ERR("CJSONRPCConnector::WriteArchive - cannot write %s", path.c_str());
+      complete = false;
+    }
     if (pv.paramId != 14 && pv.paramId != 15 && pv.timestamp > newest) newest = pv.timestamp;
   }
+  // A record that could not be filed keeps the bound where it was, so the same
+  // records are asked for again; false tells the caller to stop filing newer ones.
+  if (!complete) return false;
   if (newest != 0) WriteMaxTimestamp(archiveType, newest);
   return true;
 }

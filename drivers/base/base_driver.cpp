@@ -137,7 +137,9 @@ time_t CMcdBaseDriver::ReadHourlyArch() {
       LOG_WARNING("CMcdBaseDriver::ReadHourlyArch archieve hourly info is absent.");
     } else {
       LOG_INFO("CMcdBaseDriver::ReadHourlyArch readed all hourly values.");
-      if (client) client->WriteArchive(out, ARCH_HOURLY, isVkt7);
+      // Blocks filed after one that could not be would leave its records behind the
+      // bound for good: stop, and ask again from the bound at the next cycle.
+      if (client && !client->WriteArchive(out, ARCH_HOURLY, isVkt7)) return mcd::Now() + 10;
     }
   }
   return next;
@@ -163,7 +165,7 @@ time_t CMcdBaseDriver::ReadDailyArch() {
       LOG_WARNING("CMcdBaseDriver::ReadDailyArch archieve daily info is absent.");
     } else {
       LOG_INFO("CMcdBaseDriver::ReadDailyArch readed all daily values.");
-      if (client) client->WriteArchive(out, ARCH_DAILY, isVkt7);
+      if (client && !client->WriteArchive(out, ARCH_DAILY, isVkt7)) return mcd::Now() + 10;
     }
   }
   return next;

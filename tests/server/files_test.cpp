@@ -187,12 +187,23 @@ TEST_F(FilesTest, UnusableStorageDirectoryWritesNothingAndGoesOn) {
   setenv("MCD_STORAGE_DIR", (root.root() + "/blocked/storage/").c_str(), 1);
   mcd::paths::Reset();
   CJSONRPCConnector connector("7", 0);
-  EXPECT_TRUE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
+  EXPECT_FALSE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
   EXPECT_TRUE(connector.WriteItems({Value(17, 4, "1", 1000), Value(0, 0, "2", 1000)}));
   EXPECT_TRUE(connector.WriteMaxTimestamp(4, 5));
   EXPECT_EQ(connector.ReadMaxTimestamp(4), 0);
   EXPECT_EQ(ReadFile(root.root() + "/blocked"), "");
   EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Q1")), "2\n");
+}
+
+TEST_F(FilesTest, ArchiveLineThatCannotBeWrittenKeepsTheBound) {
+  CJSONRPCConnector connector("7", 0);
+  ASSERT_TRUE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
+  // system 2's directory is in the way as a plain file; system 1 still works
+  mcdtest::WriteFile(root.storage("7/2"), "");
+  EXPECT_FALSE(connector.WriteArchive({Value(17, 3, "2", 4600, 0), Value(17, 3, "3", 4600, 1)}, 4, false));
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1000);
+  EXPECT_TRUE(connector.WriteArchive({Value(17, 3, "4", 8200)}, 4, false));
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 8200);
 }
 
 TEST_F(FilesTest, ReaderNeverSeesAPartialItem) {

@@ -2,6 +2,9 @@
 // client whose files live under a temporary root.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -405,6 +408,34 @@ TEST_F(PollingTest, DriversNeverTalkOverEachOther) {
   EXPECT_EQ(b.systems.load(), 1);
   EXPECT_FALSE(overlapped.load());
   b.stop();
+}
+
+TEST_F(PollingTest, ArchiveBlockThatCannotBeFiledEndsTheWalkUntilTheNextCycle) {
+  auto& d = Make({});
+  d.fillArchives = true;
+  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 4 * kDay);
+  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd - 3 * kDay);
+  // system 1's archive directory cannot be made: a plain file is in its place
+  mcdtest::WriteFile(root.storage("77/1"), "");
+  EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 10);
+  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 10);
+  EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 1u);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), 0);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), 0);
+
+  // writable again (the directory comes back as it was): the walk starts over from
+  // the first record and files every block
+  unlink(root.storage("77/1").c_str());
+  mkdir(root.storage("77/1").c_str(), 0755);
+  mkdir(root.storage("77/1/tc_archives").c_str(), 0755);
+  EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 1860);
+  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 1860);
+  auto hourly = d.Calls(ARCH_HOURLY);
+  ASSERT_EQ(hourly.size(), 6u);
+  ExpectHourlyBlocks(std::vector<ArchCall>(hourly.begin() + 1, hourly.end()), kHourEnd - 4 * kDay, kHourEnd);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), kDayEnd);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")).size(), 5u);
 }
 
 }  // namespace
