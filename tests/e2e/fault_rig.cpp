@@ -1,0 +1,155 @@
+#include "fault_rig.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <set>
+#include <sstream>
+
+namespace e2e {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+long JsonNumber(const std::string& text, const std::string& key) {
+  const std::string needle = "\"" + key + "\":";
+  size_t at = text.find(needle);
+  if (at == std::string::npos) return -1;
+  return strtol(text.c_str() + at + needle.size(), nullptr, 10);
+}
+
+std::string Flag(bool on) { return on ? "true" : "false"; }
+
+}  // namespace
+
+std::string Faults::Json() const {
+  return "{\"silent\": " + Flag(silent) + ", \"bad_checksum\": " + Flag(bad_checksum) +
+         ", \"garbage\": " + Flag(garbage) + ", \"every_other\": " + Flag(every_other) + "}";
+}
+
+FaultRig::FaultRig(const std::string& tty)
+    : m_link(m_root.root() + "/" + tty), m_control(m_root.root() + "/faults.json"), m_stats(m_root.root() + "/stats.json") {
+  SetFaults(Faults());
+}
+
+FaultRig::~FaultRig() {
+  int status;
+  if (m_daemon.Running()) {
+    m_daemon.Signal(SIGTERM);
+    m_daemon.Wait(30s, &status);
+  }
+  // MCD_E2E_LOG=<file>: keep the daemon's log of the run for a look afterwards.
+  const char* keep = getenv("MCD_E2E_LOG");
+  if (keep && *keep) mcdtest::WriteFile(keep, m_daemon.Stderr());
+  if (m_sim.Running()) {
+    m_sim.Signal(SIGTERM);
+    m_sim.Wait(10s, &status);
+  }
+}
+
+bool FaultRig::StartSimulator(const std::string& script, const std::vector<std::string>& options) {
+  std::vector<std::string> argv = {"/usr/bin/python3", mcdtest::SourcePath("tools/" + script), "--link", m_link,
+                                   "--control", m_control, "--stats", m_stats};
+  argv.insert(argv.end(), options.begin(), options.end());
+  if (!m_sim.Start(argv)) return false;
+  return mcdtest::WaitFor([&] { return mcdtest::FileExists(m_link) && Stats().requests >= 0; }, 10s);
+}
+
+void FaultRig::SetFaults(const Faults& faults) {
+  const std::string tmp = m_control + ".new";
+  mcdtest::WriteFile(tmp, faults.Json());
+  rename(tmp.c_str(), m_control.c_str());
+}
+
+SimStats FaultRig::Stats() const {
+  const std::string text = mcdtest::ReadFile(m_stats);
+  SimStats s;
+  s.requests = JsonNumber(text, "requests");
+  s.answers = JsonNumber(text, "answers");
+  return s;
+}
+
+bool FaultRig::WaitRequests(long since, long n, std::chrono::milliseconds timeout) const {
+  return mcdtest::WaitFor([&] { return Stats().requests >= since + n; }, timeout);
+}
+
+bool FaultRig::StartDaemon(const std::string& url, const std::vector<std::string>& ids, const std::string& timeScale) {
+  auto env = m_root.env();
+  env["MCD_SERVER_URL"] = url;
+  env["MCD_TIME_SCALE"] = timeScale;
+  std::vector<std::string> argv = {mcdtest::MainBinary(), "-e", "-v", "6"};
+  for (const std::string& id : ids) {
+    argv.push_back("-i");
+    argv.push_back(id);
+  }
+  return m_daemon.Start(argv, env);
+}
+
+int FaultRig::StopDaemon() {
+  if (!m_daemon.Signal(SIGTERM)) return -1;
+  int status = -1;
+  if (!m_daemon.Wait(60s, &status)) return -1;
+  return status;
+}
+
+bool FaultRig::BlockStorage(const std::string& id) {
+  const std::string dir = m_root.storage(id);
+  if (rename(dir.c_str(), (dir + ".aside").c_str()) != 0) return false;
+  mcdtest::WriteFile(dir, "in the way\n");
+  return true;
+}
+
+bool FaultRig::RestoreStorage(const std::string& id) {
+  const std::string dir = m_root.storage(id);
+  if (unlink(dir.c_str()) != 0) return false;
+  return rename((dir + ".aside").c_str(), dir.c_str()) == 0;
+}
+
+long ReadNumber(const std::string& path) {
+  const std::string text = mcdtest::ReadFile(path);
+  return text.empty() ? 0 : atol(text.c_str());
+}
+
+::testing::AssertionResult ArchiveIsExactly(const std::string& path, const std::vector<time_t>& expected,
+                                            const std::map<time_t, std::string>& values) {
+  const std::vector<std::string> lines = mcdtest::ReadLines(path);
+  std::map<time_t, int> seen;
+  std::ostringstream problems;
+  time_t previous = 0;
+  for (const std::string& line : lines) {
+    const time_t t = strtol(line.c_str(), nullptr, 10);
+    if (++seen[t] == 2) problems << " duplicate " << t << ";";
+    if (t < previous) problems << " out of order " << t << ";";
+    previous = t;
+    const size_t comma = line.find(',');
+    if (comma == std::string::npos || line.compare(comma, 5, ",192,") != 0) problems << " bad line '" << line << "';";
+    auto v = values.find(t);
+    if (v != values.end() && line.substr(comma + 5) != v->second)
+      problems << " value at " << t << " is " << line.substr(comma + 5) << ", not " << v->second << ";";
+  }
+  const std::set<time_t> wanted(expected.begin(), expected.end());
+  for (time_t t : wanted)
+    if (!seen.count(t)) problems << " missing " << t << ";";
+  for (const auto& kv : seen)
+    if (!wanted.count(kv.first)) problems << " unexpected " << kv.first << ";";
+  if (problems.str().empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << path << " (" << lines.size() << " lines, " << wanted.size()
+                                       << " records on the meter):" << problems.str();
+}
+
+std::vector<time_t> Hours(time_t first, time_t last) {
+  std::vector<time_t> out;
+  for (time_t t = first; t <= last; t += 3600) out.push_back(t);
+  return out;
+}
+
+std::vector<time_t> Days(time_t first, time_t last) {
+  std::vector<time_t> out;
+  for (time_t t = first; t <= last; t = mcdtest::LocalMidnight(t + 86400 + 7200)) out.push_back(t);
+  return out;
+}
+
+}  // namespace e2e
