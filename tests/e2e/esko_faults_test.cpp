@@ -27,7 +27,7 @@ struct Meter {
   int hours, days;
 };
 
-const Meter kMeters[] = {{"201", 1, "esko-mtr-06", "mtr06", 36, 3}, {"202", 2, "esko-tm3", "tm3e", 26, 2}};
+const Meter kMeters[] = {{"201", 1, "esko-mtr-06", "mtr06", 30, 3}, {"202", 2, "esko-tm3", "tm3e", 26, 2}};
 
 TEST(FaultInjection, EskoBackfillSurvivesServerAndLinkFaults) {
   e2e::FaultRig rig("esko.tty");
@@ -85,6 +85,8 @@ TEST(FaultInjection, EskoBackfillSurvivesServerAndLinkFaults) {
     EXPECT_TRUE(rig.WaitRequests(before, p.second.every_other ? 12 : 5, 40s)) << p.first;
     rig.SetFaults(none);
     ASSERT_TRUE(rig.DaemonRunning()) << p.first << "\n" << rig.DaemonLog();
+    // the line faults come one after the other; then the walk must go on
+    if (!p.second.garbage && !p.second.every_other) continue;
     const size_t lines = filed();
     EXPECT_TRUE(mcdtest::WaitFor([&] { return filed() > lines || caughtUp(); }, 30s))
         << p.first;
