@@ -116,6 +116,16 @@ bool CMcdBaseDriver::ArchivesLag() {
   return hourEnd - lastHourly > kArchiveLagLimit || dayEnd - lastDaily > kArchiveLagLimit;
 }
 
+namespace {
+
+// Drops the records at or before the filed bound: they are on file already. The bound
+// read when the walk began may have read as 0 because the storage was away then.
+void DropFiled(ParamValueList& out, long filed) {
+  if (filed > 0) out.remove_if([filed](const ParamValue& v) { return v.timestamp <= filed; });
+}
+
+}  // namespace
+
 time_t CMcdBaseDriver::ReadHourlyArch() {
   Timestamps stamps;
   if (!GetTimestamps(stamps)) return mcd::Now() + 10;
@@ -139,7 +149,8 @@ time_t CMcdBaseDriver::ReadHourlyArch() {
       LOG_INFO("CMcdBaseDriver::ReadHourlyArch readed all hourly values.");
       // Blocks filed after one that could not be would leave its records behind the
       // bound for good: stop, and ask again from the bound at the next cycle.
-      if (client && !client->WriteArchive(out, ARCH_HOURLY, isVkt7)) return mcd::Now() + 10;
+      if (client) DropFiled(out, client->ReadMaxTimestamp(ARCH_HOURLY));
+      if (client && !out.empty() && !client->WriteArchive(out, ARCH_HOURLY, isVkt7)) return mcd::Now() + 10;
     }
   }
   return next;
@@ -165,7 +176,8 @@ time_t CMcdBaseDriver::ReadDailyArch() {
       LOG_WARNING("CMcdBaseDriver::ReadDailyArch archieve daily info is absent.");
     } else {
       LOG_INFO("CMcdBaseDriver::ReadDailyArch readed all daily values.");
-      if (client && !client->WriteArchive(out, ARCH_DAILY, isVkt7)) return mcd::Now() + 10;
+      if (client) DropFiled(out, client->ReadMaxTimestamp(ARCH_DAILY));
+      if (client && !out.empty() && !client->WriteArchive(out, ARCH_DAILY, isVkt7)) return mcd::Now() + 10;
     }
   }
   return next;

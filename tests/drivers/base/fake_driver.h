@@ -64,6 +64,7 @@ class FakeDriver : public CMcdBaseDriver {
   bool fillArchives = false;           // one record per archive call, stamped `to`
   bool systemValues = false;           // a serial number as system data
   std::function<void()> onSystem, onCurrent;
+  std::function<void(const ArchCall&)> onArch;  // called before each archive answer
 
   // --- record ---
   std::atomic<int> inits{0}, currents{0}, systems{0}, timestampCalls{0};
@@ -108,6 +109,7 @@ class FakeDriver : public CMcdBaseDriver {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_calls.push_back({type, from, to});
     }
+    if (onArch) onArch({type, from, to});
     // paramId 6 is A20 in the hourly and A48 in the daily archive.
     if (fillArchives) out.emplace_back(6, type, "1.5", "t", 192, 0, 0, static_cast<int32_t>(to));
     return fillArchives ? 0 : -1;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -436,6 +437,32 @@ TEST_F(PollingTest, ArchiveBlockThatCannotBeFiledEndsTheWalkUntilTheNextCycle) {
   EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
   EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), kDayEnd);
   EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")).size(), 5u);
+}
+
+TEST_F(PollingTest, StorageBackDuringTheWalkFilesNothingTwice) {
+  // The storage is away when the walk begins, so the bound reads 0 and the walk starts
+  // at the first record; it is back (bound two days old) before the first block is filed.
+  auto& d = Make({});
+  d.fillArchives = true;
+  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 4 * kDay);
+  const std::string dir = root.storage("77");
+  ASSERT_EQ(rename(dir.c_str(), (dir + ".away").c_str()), 0);
+  mcdtest::WriteFile(dir, "");
+  const time_t filed = kHourEnd - 2 * kDay;
+  d.onArch = [&](const ArchCall& call) {
+    if (call.from != kHourEnd - 4 * kDay) return;
+    unlink(dir.c_str());
+    rename((dir + ".away").c_str(), dir.c_str());
+    client->WriteMaxTimestamp(ARCH_HOURLY, filed);
+  };
+  EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 1860);
+  EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 5u);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
+  // only the records after the bound were filed (one per block, stamped at its end):
+  // the first two blocks end before it, the other three after
+  const std::vector<std::string> lines = mcdtest::ReadLines(root.storage("77/1/tc_archives/A20"));
+  ASSERT_EQ(lines.size(), 3u);
+  for (const std::string& line : lines) EXPECT_GT(atol(line.c_str()), filed) << line;
 }
 
 }  // namespace
