@@ -113,7 +113,11 @@ std::list<PortConfig> CJSONRPCConnector::GetInitParameters1() {
     LOG_ERR("CJSONRPCConnector::GetInitParameters1 - Error while receiving data!");
     return ports;
   }
+  return ParseConfigReply1(reply);
+}
 
+std::list<PortConfig> CJSONRPCConnector::ParseConfigReply1(const Json::Value& reply) {
+  std::list<PortConfig> ports;
   Json::Value result = MemberOrEmpty(reply, "result");
   PortConfig port;
   JsonObjectToMap(port.portParams, MemberOrEmpty(result, "port_params"));
@@ -134,7 +138,11 @@ std::list<PortConfig> CJSONRPCConnector::GetInitParameters2() {
     LOG_ERR("CJSONRPCConnector::GetInitParameters2 - Error while receiving data!");
     return ports;
   }
+  return ParseConfigReply2(reply);
+}
 
+std::list<PortConfig> CJSONRPCConnector::ParseConfigReply2(const Json::Value& reply) {
+  std::list<PortConfig> ports;
   Json::Value result = MemberOrEmpty(reply, "result");
   if (!result.isArray() && !result.isObject()) return ports;
   for (const Json::Value& entry : result) {

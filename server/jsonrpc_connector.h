@@ -29,6 +29,10 @@ class CJSONRPCConnector {
   std::list<PortConfig> GetInitParameters1();
   std::list<PortConfig> GetInitParameters2();
   bool SetSystems(const Json::Value& systems);
+  // What the two configuration exchanges make of a parsed reply (the first also
+  // registers the reply's systems).
+  std::list<PortConfig> ParseConfigReply1(const Json::Value& reply);
+  static std::list<PortConfig> ParseConfigReply2(const Json::Value& reply);
 
   // --- value publishing ---
   bool SendAllCurrentValues(const ParamValueList& list);
