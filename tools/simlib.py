@@ -34,6 +34,9 @@ def add_common_arguments(parser):
     parser.add_argument("--stats", default=None,
                         help="JSON file in which request and byte counts are kept up to date")
     parser.add_argument("--seed", type=int, default=1, help="seed for garbage bytes")
+    parser.add_argument("--answer-pause", type=float, default=0.1,
+                        help="pause the protocol prescribes between a request and the reading of its "
+                             "answer, for the floor_seconds statistic")
 
 
 class Faults:
@@ -67,7 +70,10 @@ class Faults:
 class Stats:
     def __init__(self, path):
         self.path = path
-        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0}
+        # floor_seconds: the least time the exchanges so far can take on the line: for
+        # each, the wire time of request and answer, but at least the pause the protocol
+        # prescribes between sending a request and reading its answer
+        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0, "floor_seconds": 0.0}
 
     def add(self, key, n=1):
         self.data[key] += n
@@ -162,6 +168,10 @@ def serve(protocol, args):
                 line.pace(len(request))  # the request's own time on the wire
                 state = faults.current()
                 reply = protocol.respond(request)
+                wire_baud = args.baud if args.baud > 0 else 9600
+                answered_bytes = 0 if (reply is None or state["silent"]) else len(reply)
+                stats.data["floor_seconds"] += max(args.answer_pause,
+                                                   (len(request) + answered_bytes) * 10.0 / wire_baud)
                 if reply is None or state["silent"]:
                     stats.save()
                     continue
