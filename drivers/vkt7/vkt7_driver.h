@@ -33,7 +33,7 @@ class Cmcd_VKT7 : public CMcdBaseDriver {
     int unitKey;    // key of the unit string (44..56); 45 marks float values
     int digitsKey;  // key of the fraction digits (57..76), 0 = none
     int param;      // published parameter number
-    int sys;        // heat system (0-based)
+    int sys;        // heat system, counted from 0
   };
   static constexpr int kElementCount = 44;
 
