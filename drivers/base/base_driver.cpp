@@ -183,28 +183,25 @@ time_t CMcdBaseDriver::ReadDailyArch() {
   return next;
 }
 
-void CMcdBaseDriver::WaitVKT7() {
+// Holds a VKT meter back until 90 minutes after the previous connection's start,
+// unless its archives are three days behind.
+void CMcdBaseDriver::WaitVkt(long started, const char* name) {
   if (!client) return;
-  const long started = client->ReadVKT7Timestamp();
   const time_t now = mcd::Now();
   if (now - client->ReadMaxTimestamp(ARCH_HOURLY) < kVktBehindLimit &&
       now - client->ReadMaxTimestamp(ARCH_DAILY) < kVktBehindLimit && started < now && now - started < kVktHoldOff) {
     const int seconds = static_cast<int>(started - now + kVktHoldOff);
-    LOG_INFO("CMcdBaseDriver::WaitVKT7 sleeping %d seconds", seconds);
+    LOG_INFO("CMcdBaseDriver::%s sleeping %d seconds", name, seconds);
     Wait(seconds, false);
   }
 }
 
+void CMcdBaseDriver::WaitVKT7() {
+  if (client) WaitVkt(client->ReadVKT7Timestamp(), "WaitVKT7");
+}
+
 void CMcdBaseDriver::WaitVKT9() {
-  if (!client) return;
-  const long started = client->ReadVKT9Timestamp();
-  const time_t now = mcd::Now();
-  if (now - client->ReadMaxTimestamp(ARCH_HOURLY) < kVktBehindLimit &&
-      now - client->ReadMaxTimestamp(ARCH_DAILY) < kVktBehindLimit && started < now && now - started < kVktHoldOff) {
-    const int seconds = static_cast<int>(started - now + kVktHoldOff);
-    LOG_INFO("CMcdBaseDriver::WaitVKT9 sleeping %d seconds", seconds);
-    Wait(seconds, false);
-  }
+  if (client) WaitVkt(client->ReadVKT9Timestamp(), "WaitVKT9");
 }
 
 void CMcdBaseDriver::functionThread() {

@@ -74,6 +74,7 @@ class CMcdBaseDriver : public myThreadAttached {
   time_t ReadDailyArch();
   void WaitVKT7();
   void WaitVKT9();
+  void WaitVkt(long started, const char* name);
 
   std::atomic<bool> reserved_port{false};
   std::atomic<bool> turn{false};
