@@ -1,10 +1,12 @@
 // The meter's file tree: item files of current values, archive files, bound and
 // hold-off time files, the connection item and the flag files.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <iterator>
+#include <map>
 
 #include "log/logger.h"
 #include "server/file_util.h"
@@ -77,9 +79,49 @@ bool CJSONRPCConnector::WriteItems(const ParamValueList& list) {
   return true;
 }
 
+namespace {
+
+// The archive files one WriteArchive call appends to, each opened once, with its size
+// before the call, so that a call that cannot be completed is taken back whole.
+class ArchiveAppends {
+ public:
+  ~ArchiveAppends() {
+    for (auto& file : m_files) close(file.second.fd);
+  }
+  // Appends one line with a single write; false when the file cannot be opened or written.
+  bool Append(const std::string& path, const std::string& line) {
+    auto found = m_files.find(path);
+    if (found == m_files.end()) {
+      int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+      if (fd < 0) return false;
+      struct stat st;
+      off_t size = fstat(fd, &st) == 0 ? st.st_size : 0;
+      found = m_files.emplace(path, File{fd, size}).first;
+    }
+    return write(found->second.fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+  }
+  // Cuts every file back to its size before the call. Works through the open
+  // descriptors, so also when the directory has been moved away meanwhile.
+  void TakeBack() {
+    for (auto& file : m_files)
+      if (ftruncate(file.second.fd, file.second.size) != 0)
+        LOG_ERR("CJSONRPCConnector::WriteArchive - cannot take back %s", file.first.c_str());
+  }
+
+ private:
+  struct File {
+    int fd;
+    off_t size;
+  };
+  std::map<std::string, File> m_files;
+};
+
+}  // namespace
+
 bool CJSONRPCConnector::WriteArchive(const ParamValueList& list, int archiveType, bool temporary) {
   long newest = 0;
   bool complete = true;
+  ArchiveAppends files;
   for (const ParamValue& pv : list) {
     const std::string* name = FindParamName(pv.kind, pv.paramId);
     if (!name) continue;
@@ -90,17 +132,22 @@ bool CJSONRPCConnector::WriteArchive(const ParamValueList& list, int archiveType
     else if (pv.kind == 2)
       fileTime += 86400;  // a daily entry at the end of its day
     const std::string path = GetArchiveDir(pv.sys, toTemporary) + *name;
-    if (!mcd::fs::AppendToFile(path, ArchiveLine(fileTime, pv.quality, pv.value))) {
+    if (!files.Append(path, ArchiveLine(fileTime, pv.quality, pv.value))) {
       if (complete) LOG_ERR("CJSONRPCConnector::WriteArchive - cannot write %s", path.c_str());
       complete = false;
     }
     if (pv.paramId != 14 && pv.paramId != 15 && pv.timestamp > newest) newest = pv.timestamp;
   }
-  // A record that could not be filed keeps the bound where it was, so the same
-  // records are asked for again; false tells the caller to stop filing newer ones.
-  if (!complete) return false;
-  if (newest != 0) WriteMaxTimestamp(archiveType, newest);
-  return true;
+  // The lines and the raised bound go together: when either cannot be written, the
+  // lines of this call are taken back and the bound stays, so the same records are
+  // asked for again and filed once; false tells the caller to stop filing newer ones.
+  if (complete && newest != 0 &&
+      !(WriteMaxTimestamp(archiveType, newest) && ReadMaxTimestamp(archiveType) == newest)) {
+    LOG_ERR("CJSONRPCConnector::WriteArchive - cannot write the bound of type %d", archiveType);
+    complete = false;
+  }
+  if (!complete) files.TakeBack();
+  return complete;
 }
 
 bool CJSONRPCConnector::WriteMaxTimestamp(int archiveType, long t) {

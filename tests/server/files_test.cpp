@@ -229,4 +229,27 @@ TEST_F(FilesTest, ReaderNeverSeesAPartialItem) {
   EXPECT_EQ(ListDir(root.tmp("7/1/tc_items")), Names{"Q1"});
 }
 
+// The lines of a filing and its raised bound go together: when the bound cannot be
+// written, the lines are taken back, so asking for the same records again files them once.
+TEST_F(FilesTest, ArchiveLinesAreTakenBackWhenTheBoundCannotBeWritten) {
+  CJSONRPCConnector connector("7", 0);
+  ParamValueList first = {ParamValue(6, 4, "1.5", "", 192, 0, 0, 1500000000)};
+  ASSERT_TRUE(connector.WriteArchive(first, 4, false));
+  const std::string before = ReadFile(root.storage("7/1/tc_archives/A20"));
+  ASSERT_EQ(before, "1500000000,192,1.5\n");
+
+  ASSERT_EQ(unlink(root.storage("7/timestamp_max_hourly").c_str()), 0);
+  ASSERT_EQ(mkdir(root.storage("7/timestamp_max_hourly").c_str(), 0755), 0);  // the bound cannot be replaced
+  ParamValueList next = {ParamValue(6, 4, "2.5", "", 192, 0, 0, 1500003600),
+                         ParamValue(7, 4, "3.5", "", 192, 0, 0, 1500003600)};
+  EXPECT_FALSE(connector.WriteArchive(next, 4, false));
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before);
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A21")), "");
+
+  ASSERT_EQ(rmdir(root.storage("7/timestamp_max_hourly").c_str()), 0);
+  EXPECT_TRUE(connector.WriteArchive(next, 4, false));
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before + "1500003600,192,2.5\n");
+  EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_hourly")), "1500003600");
+}
+
 }  // namespace
