@@ -23,8 +23,11 @@ namespace mcdfuzz {
 // Moves the volatile, storage and lamp roots into a fresh directory, once.
 inline void UsePrivateRoot() {
   static bool done = [] {
-    char name[] = "/tmp/mcdfuzz.XXXXXX";
-    std::string root = mkdtemp(name) ? name : "/tmp";
+    // Under TMPDIR when set (scripts/fuzz.sh points it into the build folder), so that
+    // runs leave nothing behind in /tmp.
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/mcdfuzz.XXXXXX";
+    std::string root = mkdtemp(&pattern[0]) ? pattern : "/tmp";
     for (const char* sub : {"/tmp", "/storage", "/leds"}) mkdir((root + sub).c_str(), 0755);
     setenv("MCD_TMP_DIR", (root + "/tmp/").c_str(), 1);
     setenv("MCD_STORAGE_DIR", (root + "/storage/").c_str(), 1);

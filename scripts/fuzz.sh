@@ -24,7 +24,10 @@ run_target() {
   max_len=600
   [ "$name" = config_json_fuzz ] && max_len=4096
   status=0
-  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+  # each run's file-system root (volatile, storage, lamps) goes under the build folder
+  rm -rf "$BUILD/roots/$name"
+  mkdir -p "$BUILD/roots/$name"
+  TMPDIR=$(cd "$BUILD/roots/$name" && pwd) ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     "$BUILD/fuzz/$name" -max_total_time="$SECONDS_PER_TARGET" -max_len="$max_len" -timeout=20 \
     -artifact_prefix="$BUILD/artifacts/$name-" -print_final_stats=1 "$work" 2>"$BUILD/$name.log" || status=$?
   echo "$status" >"$BUILD/$name.status"
