@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "app/clock.h"
-#include "drivers/base/base_driver.h"
+#include "drivers/base/empty_driver.h"
 #include "support/test_support.h"
 
 namespace {
@@ -21,16 +21,10 @@ using mcdtest::ReadFile;
 using mcdtest::WriteFile;
 
 // A driver that is never started: the test plays its thread by clearing the turn.
-class FakeDriver : public CMcdBaseDriver {
+class FakeDriver : public CMcdEmptyDriver {
  public:
   explicit FakeDriver(int sleepsPerTurn = 1) : m_sleepsPerTurn(sleepsPerTurn) {}
   ~FakeDriver() override { stop(); }
-  void SaveConnector(CConnector*) override {}
-  void init() override {}
-  ParamValueList get_all_curtime_cur_integ_values() override { return ParamValueList(); }
-  ParamValueList get_all_system_values() override { return ParamValueList(); }
-  int GetTimestamps(Timestamps&) override { return 0; }
-  int get_arch_values(int, time_t, time_t, ParamValueList&) override { return -1; }
 
   void SetReserved(bool on) { reserved_port.store(on); }
   void SetCurrent(bool on) { archives_current.store(on); }
