@@ -5,6 +5,12 @@
 // default clock fast-forward: every Sleep(s) really sleeps s/N seconds while Now()
 // moves on by the full s, so end-to-end runs see hours of polling in minutes.
 // Link-layer pauses between frames do not go through this seam: they are real.
+//
+// Two clocks: Now() is the controller's calendar clock (record stamps, comparisons
+// with the meter's clock) and may be stepped by an operator or a time service at any
+// moment; Monotonic() never steps and is what waits and due times are measured on.
+// Every Sleep ends early once a stop has been requested, so no wait outlives a
+// SIGTERM by more than the time it takes the sleeper to look at StopRequested().
 #pragma once
 
 #include <ctime>
@@ -14,7 +20,12 @@ namespace mcd {
 class Clock {
  public:
   virtual ~Clock() = default;
+  // Calendar time, seconds since the epoch.
   virtual time_t Now() = 0;
+  // Seconds on a clock that never steps backwards or forwards (only its differences
+  // mean anything). A test clock that never steps may leave it to Now().
+  virtual time_t Monotonic() { return Now(); }
+  // Sleeps the seconds, or less when a stop is requested meanwhile.
   virtual void Sleep(unsigned seconds) = 0;
 };
 
@@ -25,6 +36,19 @@ Clock& GetClock();
 void SetClock(Clock* clock);
 
 inline time_t Now() { return GetClock().Now(); }
+inline time_t Monotonic() { return GetClock().Monotonic(); }
 inline void Sleep(unsigned seconds) { GetClock().Sleep(seconds); }
+
+// Asks every loop to end: wakes every sleeper of the default clock at once and makes
+// later sleeps return immediately. Callable from any thread, but not from a signal
+// handler (it takes a lock); a handler hands the signal to a thread that calls it.
+void RequestStop();
+bool StopRequested();
+// Clears a stop request (tests that run several loops in one process).
+void ClearStopRequest();
+
+// Sleeps on the steady clock for the given real seconds, ending early on a stop
+// request. The building block of the default clocks; test clocks may use it too.
+void InterruptibleSleep(double seconds);
 
 }  // namespace mcd
