@@ -1,10 +1,13 @@
 #include "app/clock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstdio>
 #include <mutex>
+#include <string>
 
 namespace mcd {
 namespace {
@@ -12,6 +15,9 @@ namespace {
 std::mutex g_stopMutex;
 std::condition_variable g_stopCv;
 std::atomic<bool> g_stop{false};
+std::atomic<bool> g_reload{false};
+
+bool Interrupted() { return g_stop.load() || g_reload.load(); }
 
 time_t SteadySeconds() {
   using namespace std::chrono;
@@ -54,12 +60,36 @@ class ScaledClock : public Clock {
   double m_offset = 0;
 };
 
+// A test's stepped controller clock: the calendar clock of another clock plus the
+// seconds written in a file.
+class SteppedClock : public Clock {
+ public:
+  SteppedClock(Clock* base, std::string path) : m_base(base), m_path(std::move(path)) {}
+  time_t Now() override { return m_base->Now() + ReadOffset(); }
+  time_t Monotonic() override { return m_base->Monotonic(); }
+  void Sleep(unsigned seconds) override { m_base->Sleep(seconds); }
+
+ private:
+  long ReadOffset() const {
+    FILE* file = fopen(m_path.c_str(), "r");
+    if (!file) return 0;
+    long offset = 0;
+    if (fscanf(file, "%ld", &offset) != 1) offset = 0;
+    fclose(file);
+    return offset;
+  }
+  Clock* m_base;
+  std::string m_path;
+};
+
 Clock& DefaultClock() {
   static Clock* clock = []() -> Clock* {
     const char* scale = getenv("MCD_TIME_SCALE");
     double value = scale ? atof(scale) : 0;
-    if (value > 1) return new ScaledClock(value);
-    return new SystemClock();
+    Clock* base = value > 1 ? static_cast<Clock*>(new ScaledClock(value)) : new SystemClock();
+    const char* offsetFile = getenv("MCD_CLOCK_OFFSET_FILE");
+    if (offsetFile && *offsetFile) return new SteppedClock(base, offsetFile);
+    return base;
   }();
   return *clock;
 }
@@ -90,12 +120,27 @@ void ClearStopRequest() {
   g_stop.store(false);
 }
 
+void RequestReload() {
+  {
+    std::lock_guard<std::mutex> lock(g_stopMutex);
+    g_reload.store(true);
+  }
+  g_stopCv.notify_all();
+}
+
+bool ReloadRequested() { return g_reload.load(); }
+
+void ClearReloadRequest() {
+  std::lock_guard<std::mutex> lock(g_stopMutex);
+  g_reload.store(false);
+}
+
 void InterruptibleSleep(double seconds) {
   if (seconds <= 0) return;
   const auto until = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
   std::unique_lock<std::mutex> lock(g_stopMutex);
-  g_stopCv.wait_until(lock, until, [] { return g_stop.load(); });
+  g_stopCv.wait_until(lock, until, [] { return Interrupted(); });
 }
 
 }  // namespace mcd

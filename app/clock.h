@@ -5,6 +5,9 @@
 // default clock fast-forward: every Sleep(s) really sleeps s/N seconds while Now()
 // moves on by the full s, so end-to-end runs see hours of polling in minutes.
 // Link-layer pauses between frames do not go through this seam: they are real.
+// MCD_CLOCK_OFFSET_FILE=path (tests only) adds the whole seconds written in that file
+// to the calendar clock, read anew at each look, so a test can step the controller's
+// clock under a running daemon; the monotonic clock does not move.
 //
 // Two clocks: Now() is the controller's calendar clock (record stamps, comparisons
 // with the meter's clock) and may be stepped by an operator or a time service at any
@@ -47,8 +50,18 @@ bool StopRequested();
 // Clears a stop request (tests that run several loops in one process).
 void ClearStopRequest();
 
-// Sleeps on the steady clock for the given real seconds, ending early on a stop
-// request. The building block of the default clocks; test clocks may use it too.
+// Asks the loops to come to a block boundary so that the configuration can be read
+// again and the drivers rebuilt: wakes every sleeper like a stop request does, until
+// cleared by whoever carries out the reload.
+void RequestReload();
+bool ReloadRequested();
+void ClearReloadRequest();
+
+// A stop or a reload is pending: walks end at the next block boundary, waits end now.
+inline bool InterruptRequested() { return StopRequested() || ReloadRequested(); }
+
+// Sleeps on the steady clock for the given real seconds, ending early on a stop or
+// reload request. The building block of the default clocks; test clocks may use it too.
 void InterruptibleSleep(double seconds);
 
 }  // namespace mcd

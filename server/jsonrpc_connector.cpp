@@ -7,6 +7,7 @@
 #include <set>
 
 #include "app/clock.h"
+#include "drivers/base/driver_families.h"
 #include "log/logger.h"
 #include "server/file_util.h"
 #include "server/http_client.h"
@@ -32,10 +33,18 @@ Json::Value MemberOrEmpty(const Json::Value& value, const char* key) {
   return Json::Value(Json::objectValue);
 }
 
-bool IsVktManufacturer(const ParamMap& driver) {
+const DriverFamily& FamilyOf(const ParamMap& driver) {
   auto it = driver.find("manufacturer");
-  return it != driver.end() && (it->second == "vkt-7" || it->second == "vkt-9");
+  const DriverFamily* family = it == driver.end() ? nullptr : FindDriverFamily(it->second);
+  return family ? *family : UnknownDriverFamily();
 }
+
+// The family's polling period, for a driver entry that names none.
+const char* DefaultPeriod(const ParamMap& driver) { return FamilyOf(driver).default_period; }
+
+// The VKT families (those with a connection hold-off) are polled at their own period
+// whatever get_config2 says.
+bool PeriodFixedByFamily(const ParamMap& driver) { return FamilyOf(driver).hold_off != DriverFamily::kNoHoldOff; }
 
 }  // namespace
 
@@ -123,7 +132,7 @@ std::list<PortConfig> CJSONRPCConnector::ParseConfigReply1(const Json::Value& re
   JsonObjectToMap(port.portParams, MemberOrEmpty(result, "port_params"));
   ParamMap driver;
   JsonObjectToMap(driver, result);
-  if (driver.find("period_current") == driver.end()) driver["period_current"] = IsVktManufacturer(driver) ? "5400" : "20";
+  if (driver.find("period_current") == driver.end()) driver["period_current"] = DefaultPeriod(driver);
   port.drivers.push_back(driver);
   ports.push_back(port);
 
@@ -155,7 +164,7 @@ std::list<PortConfig> CJSONRPCConnector::ParseConfigReply2(const Json::Value& re
         JsonObjectToMap(driver, element);
         if (driver.find("period_current") == driver.end()) driver["period_current"] = "20";
         // Here a configured period of a VKT meter is overridden as well.
-        if (IsVktManufacturer(driver)) driver["period_current"] = "5400";
+        if (PeriodFixedByFamily(driver)) driver["period_current"] = DefaultPeriod(driver);
         port.drivers.push_back(driver);
       }
     }

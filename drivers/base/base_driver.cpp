@@ -15,9 +15,6 @@ namespace {
 
 constexpr long kHour = 3600;
 constexpr long kDay = 86400;
-// How far back the archive readers go when nothing was filed yet.
-constexpr long kArchiveDepth = 7776000;       // 90 days
-constexpr long kArchiveDepthOmega = 5184000;  // 60 days for OMEGA-TR
 // One block of hourly records: 24 records, from its first hour to 23 hours later.
 constexpr long kHourlyBlockSpan = 82800;
 // Lag beyond which the archives filed so far count as behind the meter.
@@ -91,6 +88,11 @@ void CMcdBaseDriver::SetConfiguration(const ParamMap& config) {
                        alias->second == "serial485.4"));
 }
 
+const DriverFamily& CMcdBaseDriver::Family() const {
+  const DriverFamily* found = FindDriverFamily(Manufacturer());
+  return found ? *found : UnknownDriverFamily();
+}
+
 bool CMcdBaseDriver::MayPoll() const {
   if (!reserved_port.load() && FileExists(mcd::paths::Tmp(mcd::kPauseFile))) return false;
   return !FileExists(mcd::paths::Tmp(mcd::kPauseAllFile));
@@ -129,12 +131,12 @@ void DropFiled(ParamValueList& out, long filed) {
 time_t CMcdBaseDriver::ReadHourlyArch() {
   Timestamps stamps;
   if (!GetTimestamps(stamps)) return mcd::Now() + 10;
-  const bool isVkt7 = Manufacturer() == "vkt-7";
+  const bool isVkt7 = Family().temporary_archive;
   const time_t meterTime = stamps.meter_time;
   const time_t next = mcd::Now() - (meterTime % kHour) + kHour + 60;
   const time_t end = HourEnd(meterTime);
 
-  time_t from = end - (Manufacturer() == "omega-tr" ? kArchiveDepthOmega : kArchiveDepth);
+  time_t from = end - Family().archive_depth;
   from = std::max<time_t>(from, stamps.first_hour_arch);
   const long lastHourly = client ? client->ReadMaxTimestamp(ARCH_HOURLY) : 0;
   from = std::max<time_t>(from, lastHourly + kHour);
@@ -159,12 +161,12 @@ time_t CMcdBaseDriver::ReadHourlyArch() {
 time_t CMcdBaseDriver::ReadDailyArch() {
   Timestamps stamps;
   if (!GetTimestamps(stamps)) return mcd::Now() + 10;
-  const bool isVkt7 = Manufacturer() == "vkt-7";
+  const bool isVkt7 = Family().temporary_archive;
   const time_t meterTime = stamps.meter_time;
   const time_t next = mcd::Now() - (meterTime % kHour) + kHour + 60;
   const time_t end = DayEnd(meterTime);
 
-  time_t from = end - (Manufacturer() == "omega-tr" ? kArchiveDepthOmega : kArchiveDepth);
+  time_t from = end - Family().archive_depth;
   from = std::max<time_t>(from, stamps.first_day_arch);
   const long lastDaily = client ? client->ReadMaxTimestamp(ARCH_DAILY) : 0;
   from = std::max<time_t>(from, lastDaily + kDay);
@@ -207,8 +209,8 @@ void CMcdBaseDriver::WaitVKT9() {
 void CMcdBaseDriver::functionThread() {
   // Cancellation destroys the line lock and the value lists of this frame.
   CancellationUnwindGuard unwindGuard;
-  const bool isVkt7 = Manufacturer() == "vkt-7";
-  const bool isVkt9 = Manufacturer() == "vkt-9";
+  const bool isVkt7 = Family().hold_off == DriverFamily::kHoldOffVkt7;
+  const bool isVkt9 = Family().hold_off == DriverFamily::kHoldOffVkt9;
   LOG_INFO("CMcdBaseDriver::functionThread begin execute thread.");
 
   if (isVkt7) WaitVKT7();

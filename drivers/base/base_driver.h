@@ -16,6 +16,7 @@
 #include <string>
 
 #include "app/thread_attached.h"
+#include "drivers/base/driver_families.h"
 #include "server/jsonrpc_connector.h"
 #include "server/param_value.h"
 
@@ -43,11 +44,21 @@ class CMcdBaseDriver : public myThreadAttached {
   virtual ParamValueList get_all_system_values() = 0;
   // Non-zero on success.
   virtual int GetTimestamps(Timestamps& out) = 0;
-  // Records of the type (4 hourly, 5 daily) with times from..to inclusive into out.
+  // Records of the type (4 hourly, 5 daily) with times from..to inclusive into out, in
+  // time order. Returns non-zero when the whole range was walked: every record in it was
+  // read, or the meter said explicitly that it holds none for that time. Returns 0 when
+  // the walk stopped at a failure: out then holds only the records before it, and the
+  // next walk starts again at the record that failed.
   virtual int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) = 0;
+  // Whether the driver knows how to render the meter's values (scales, units): until
+  // it does, the loop calls init() again on each turn and neither publishes current
+  // values nor reads archives.
+  virtual bool IsReady() const { return true; }
 
   void SetJsonRpcConnector(CJSONRPCConnector* connector) { client = connector; }
   void SetConfiguration(const ParamMap& config);
+  // The traits of the driver's family, by its manufacturer key.
+  const DriverFamily& Family() const;
 
   // The poll turn: main sets it, the driver clears it at the end of a cycle.
   void SetTurn() { turn.store(true); }
