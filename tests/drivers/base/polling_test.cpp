@@ -504,10 +504,11 @@ TEST_F(PollingTest, EveryHeldRecordIsFiledOnceWhateverHappens) {
   EXPECT_EQ(driver->inits.load(), 3);
   EXPECT_EQ(driver->systems.load(), 1);
   EXPECT_EQ(Item("Connected"), "1\n");
+  driver->stop();
+  EXPECT_TRUE(d.failAt.empty());  // both failures were met
   driver.reset();
 
   EXPECT_EQ(askedBeforeReady.load(), 0);
-  EXPECT_TRUE(d.failAt.empty());  // both failures were met
   EXPECT_EQ(Count("driver not ready"), 1u);
   EXPECT_EQ(Count("the driver is ready"), 1u);
   EXPECT_EQ(Count("is over 7 days from"), 1u);
