@@ -118,11 +118,15 @@ CEskoDriver::RecordOutcome CEskoDriver::FindArchDate(int eskoKind, const cal::La
   unsigned char* img = eskoKind == 0 ? m_img.A3 : m_img.A31;
   PatchDate(img, eskoKind, label);
   ReplyView v;
-  try {
-    v = Send(img, "FindArchDate");
-  } catch (const CDisconnectException&) {
-    if (m_link && m_link->LastError() == kNoRecordCode) return kRecordAbsent;
-    throw;
+  // An error answer is not covered by the link's checksum test, so a damaged answer can
+  // read as "no record"; only a second such answer in a row is taken as the meter's word.
+  for (int ask = 0; ask < 2 && v.empty(); ++ask) {
+    try {
+      v = Send(img, "FindArchDate");
+    } catch (const CDisconnectException&) {
+      if (!m_link || m_link->LastError() != kNoRecordCode) throw;
+      if (ask == 1) return kRecordAbsent;
+    }
   }
   if (v.empty() || v.length <= 12) {
     LOG_ERR("%sFindArchRecNum - NOT ENOUGH DATA returned: %d !!!\r\n", m_info.driverPrefix, v.length);

@@ -147,6 +147,14 @@ class CEskoDriver : public CMcdBaseDriver {
   RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
   RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
   void CalcReal(bool max);
+  // Parsers of the system-data answers (empty or short answers leave the state as is).
+  void ParseCircuits(const ReplyView& v);
+  void ParseRanges(const ReplyView& v, bool third);
+  void ParseLimits(const ReplyView& v, bool max);
+  void ParseDN(const ReplyView& v, bool third);
+  // Current values of the three heat systems and ta; integrators with their date.
+  void ReadCurrent(ParamValueList& out, time_t now);
+  void ReadIntegrators(ParamValueList& out, time_t now);
   void FillUnits();
   void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
                 int sys, time_t stamp, double shown);
