@@ -143,7 +143,8 @@ class CEskoDriver : public CMcdBaseDriver {
   void NoteClockState(int state, const unsigned char* raw, long away);
   bool HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest);
   time_t Bisect(int eskoKind, time_t without, time_t with);
-  time_t ClaimedOldest(int eskoKind, time_t newest, unsigned rest) const;
+  time_t StepBack(int eskoKind, time_t t, unsigned count, time_t limit) const;
+  time_t GallopBack(int eskoKind, time_t with, time_t limit);
   RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
   RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
   void CalcReal(bool max);
