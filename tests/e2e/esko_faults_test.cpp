@@ -67,7 +67,10 @@ struct Meter {
 
 const Meter kMeters[] = {{"201", 1, "esko-mtr-06", "mtr06:30:3:overclaim=1000"}, {"202", 2, "esko-tm3", "tm3e:26:2"}};
 
+// In a zone with a half-hour offset (simulator and daemon inherit TZ).
 TEST(FaultInjection, EskoBackfillSurvivesServerAndLinkFaults) {
+  setenv("TZ", "Asia/Kolkata", 1);
+  tzset();
   e2e::FaultRig rig("esko.tty");
   const std::string heldOut = rig.root().root() + "/held_out.json";
   std::vector<std::string> simOptions = {"--held-out", heldOut};
@@ -169,6 +172,8 @@ TEST(FaultInjection, EskoBackfillSurvivesServerAndLinkFaults) {
     ExpectArchivesAsHeldOut(rig.root().storage(std::string(m.id) + "/"), held[std::to_string(m.addr)],
                             mcdtest::LocalHourStart(time(nullptr)) != mcdtest::LocalHourStart(start));
   EXPECT_GE(Count(rig.DaemonLog(), "the meter holds no HOURLY record"), 2u);  // the gap, on both meters
+  unsetenv("TZ");
+  tzset();
 }
 
 }  // namespace
