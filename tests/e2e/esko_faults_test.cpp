@@ -162,7 +162,7 @@ TEST(FaultInjection, EskoBackfillSurvivesServerAndLinkFaults) {
         }
         return true;
       },
-      60s))
+      120s))
       << rig.DaemonLog();
   EXPECT_EQ(rig.StopDaemon(), 0);
 
