@@ -186,6 +186,29 @@ void CEskoDriver::FillUnits() {
   for (const auto& u : kUnits) m_units[u.code] = u.text;
 }
 
+namespace {
+double U16(const ReplyView& v, int at) { return static_cast<double>((v.data[at] << 8) | v.data[at + 1]); }
+bool Usable(const ReplyView& v) { return !v.empty() && v.length > 12; }
+}  // namespace
+
+void CEskoDriver::ParseModel(const ReplyView& v) {
+  const char* p = m_info.initPrefix;
+  if (!Usable(v)) return;
+  CMeterBuffer c = Cursor(v);
+  c += 8;
+  const unsigned model = v.data[5], addr = v.data[6], statVer = v.data[7];
+  m_workOffsetHours = static_cast<uint32_t>(ReadBCD(c, 3, "GetModel"));
+  LOG_INFO("%sInit:Model %u, net_addr %u, work offset(hours) %u (%lu sec), stat ver 0x%02x", p, model, addr,
+           m_workOffsetHours, static_cast<unsigned long>(m_workOffsetHours) * 3600ul, statVer);
+  m_model = static_cast<uint16_t>(model);
+  if (model != 96) LOG_CRIT("%sInit:Model is wrong for addr %u: %u, need 96!!!\r\n", p, addr, model);
+  const bool is4x = (statVer >> 4) == 4;
+  if (!m_info.statVer4x && is4x)
+    LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, is this TM-3E ???\r\n", p, addr, statVer);
+  if (m_info.statVer4x && !is4x)
+    LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, need 0x4x!!!\r\n", p, addr, statVer);
+}
+
 void CEskoDriver::init() {
   for (auto& s : m_sys) s = SystemState();
   m_firstHour = m_firstDay = 0;
@@ -215,22 +238,7 @@ void CEskoDriver::init() {
   }
   try {
     LOG_INFO("%sInit: ask Model\r", p);
-    ReplyView v = ReadR(0x0010, "GetModel");
-    if (!v.empty() && v.length > 12) {
-      CMeterBuffer c = Cursor(v);
-      c += 8;
-      const unsigned model = v.data[5], addr = v.data[6], statVer = v.data[7];
-      m_workOffsetHours = static_cast<uint32_t>(ReadBCD(c, 3, "GetModel"));
-      LOG_INFO("%sInit:Model %u, net_addr %u, work offset(hours) %u (%lu sec), stat ver 0x%02x", p, model, addr,
-               m_workOffsetHours, static_cast<unsigned long>(m_workOffsetHours) * 3600ul, statVer);
-      m_model = static_cast<uint16_t>(model);
-      if (model != 96) LOG_CRIT("%sInit:Model is wrong for addr %u: %u, need 96!!!\r\n", p, addr, model);
-      const bool is4x = (statVer >> 4) == 4;
-      if (!m_info.statVer4x && is4x)
-        LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, is this TM-3E ???\r\n", p, addr, statVer);
-      if (m_info.statVer4x && !is4x)
-        LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, need 0x4x!!!\r\n", p, addr, statVer);
-    }
+    ParseModel(ReadR(0x0010, "GetModel"));
   } catch (const std::exception& e) {
     LOG_ERR("%sInit: model not read: %s\r\n", p, e.what());
   }
@@ -267,11 +275,6 @@ void CEskoDriver::CalcReal(bool max) {
     LOG_DEBUG("GetSystemData:Calc real: M1min(m3h) %g,%g,%g, M2min(m3h) %g,%g,%g \r\n", m_sys[0].gminM1,
               m_sys[1].gminM1, m_sys[2].gminM1, m_sys[0].gminM2, m_sys[1].gminM2, m_sys[2].gminM2);
 }
-
-namespace {
-double U16(const ReplyView& v, int at) { return static_cast<double>((v.data[at] << 8) | v.data[at + 1]); }
-bool Usable(const ReplyView& v) { return !v.empty() && v.length > 12; }
-}  // namespace
 
 void CEskoDriver::ParseCircuits(const ReplyView& v) {
   if (!Usable(v)) return;

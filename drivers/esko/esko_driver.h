@@ -149,6 +149,7 @@ class CEskoDriver : public CMcdBaseDriver {
   RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
   void CalcReal(bool max);
   // Parsers of the system-data answers (empty or short answers leave the state as is).
+  void ParseModel(const ReplyView& v);
   void ParseCircuits(const ReplyView& v);
   void ParseRanges(const ReplyView& v, bool third);
   void ParseLimits(const ReplyView& v, bool max);
