@@ -22,7 +22,9 @@ Two heat systems, pipes 1,2 and 3,4. Line values for the local hour h (daily: da
 month d): Mi = 10i + h + 0.5 t, Q1 = 0.25 + 0.5h, Q2 = 0.75 + 0.5h Gcal,
 Ti = 70 - 10i + h/4 °C, Pi = 6 - 0.5i atm, TNORM1 = period - 2, TNORM2 = period,
 TMIN1 = 2, MODES = 1, ERRORCODE1 = 0x80, ERRORCODE2 = 0.
-Faults: simlib's control file; {"exception": code} answers everything with that code.
+Faults: simlib's control file; {"exception": code} answers everything with that code;
+{"fault_once": {"<record time>": "exception"|"silent"|"bad_checksum"}} spoils the first
+read of that line.
 """
 import os
 import struct
@@ -61,6 +63,7 @@ class Magika:
         self.args = args
         self.extra = modbuslib.Extra(args.control)
         self.missing = {int(x) for x in args.missing_hours.split(",") if x.strip()}
+        self.used = set()
         self.key = None
         self.buffer = b""
         self.length = 0
@@ -157,7 +160,10 @@ class Magika:
             offset = 0 if start == 1002 else 250
             data = self.buffer[offset:offset + 2 * count].ljust(2 * count, b"\0")
             head = bytes([0, len(data)]) if self.args.count_form == "printed" else bytes([len(data)])
-            return modbuslib.with_crc(bytes([req[0], 4]) + head + data)
+            reply = modbuslib.with_crc(bytes([req[0], 4]) + head + data)
+            if 0 <= self.cursor < len(self.lines) and self.length and start == 1002:
+                return modbuslib.play_fault(self.extra.once(self.lines[self.cursor], self.used), reply)
+            return reply
         regs = self.input_registers()
         data = b"".join(regs.get(start + i, b"\0\0") for i in range(count))
         return modbuslib.with_crc(bytes([req[0], 4, len(data)]) + data)

@@ -5,6 +5,8 @@ meters key their archives, and the --held-out file.
 
 Extra switches read from the same JSON control file as simlib's:
     {"exception": 0 | code}   answer every request with this exception code
+    {"fault_once": {"<record time>": "exception" | "silent" | "bad_checksum"}}
+                              the first request for that archive record gets the fault
 """
 import json
 import os
@@ -73,6 +75,25 @@ class Extra:
             except (OSError, ValueError):
                 pass
         return self.state.get(key, default)
+
+    def once(self, t, used):
+        """The fault armed for the first request of record time t, or None."""
+        fault = (self.get("fault_once", {}) or {}).get(str(t))
+        if fault and str(t) not in used:
+            used.add(str(t))
+            return fault
+        return None
+
+
+def play_fault(fault, reply):
+    """The reply as the fault makes it (None: no answer)."""
+    if fault == "silent":
+        return None
+    if fault == "bad_checksum":
+        return reply[:-1] + bytes([reply[-1] ^ 0x55])
+    if fault == "exception":
+        return exception(reply[0], reply[1] & 0x7F, 4)
+    return reply
 
 
 def _label(t):

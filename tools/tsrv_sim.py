@@ -17,7 +17,9 @@ Record values of system s for the local hour h (daily records: h = day of month)
   heat = 0.25(s+1) + 0.5h Gcal, pipe k mass = 10(k+1) + s + h + 0.5 t, volume = mass + 0.25,
   mean temperature = (7000 + 100s - 500k + h) / 100 °C, pressure = (600 + 10s - 100k) / 1000 MPa,
   normal time = period - 5 min, stoppage = 5 min, flags = s.
-Faults: simlib's control file; {"exception": code} answers everything with that code.
+Faults: simlib's control file; {"exception": code} answers everything with that code;
+{"fault_once": {"<record time>": "exception"|"silent"|"bad_checksum"}} spoils the first
+request for that record.
 """
 import argparse
 import calendar
@@ -52,6 +54,7 @@ class Tsrv:
         self.args = args
         self.extra = modbuslib.Extra(args.control)
         self.missing = {int(x) for x in args.missing_hours.split(",") if x.strip()}
+        self.used = set()
         self.key = None
         self.refresh()
 
@@ -124,12 +127,15 @@ class Tsrv:
         ss, mm, hh, dd, mo, yy = req[7:13]
         year = 1900 + yy if yy >= 70 else 2000 + yy
         s, kind = divmod(array, 3)
-        data = bytes(RECORD)
+        data, t = bytes(RECORD), None
         if s < self.args.systems and kind == 0 and (year, mo, dd, hh) in self.hourly:
-            data = self.record(self.hourly[(year, mo, dd, hh)], True, s)
+            t = self.hourly[(year, mo, dd, hh)]
+            data = self.record(t, True, s)
         elif s < self.args.systems and kind == 1 and (year, mo, dd) in self.daily:
-            data = self.record(self.daily[(year, mo, dd)], False, s)
-        return modbuslib.with_crc(bytes([req[0], 0x41, len(data)]) + data)
+            t = self.daily[(year, mo, dd)]
+            data = self.record(t, False, s)
+        reply = modbuslib.with_crc(bytes([req[0], 0x41, len(data)]) + data)
+        return modbuslib.play_fault(self.extra.once(t, self.used), reply) if t is not None else reply
 
     # --- input registers ---
     def total(self, value):

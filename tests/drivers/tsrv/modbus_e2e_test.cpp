@@ -108,25 +108,38 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
   auto env = root.env();
   env["MCD_SERVER_URL"] = server.url();
   env["MCD_TIME_SCALE"] = "600";
+  // Faults inside the walks: the first request for three held hourly records and one
+  // daily record of each meter is answered with an exception, not at all, with a wrong
+  // CRC; the walk breaks off there and must take up again at that record.
+  std::string once[2];
+  for (int i = 0; i < 2; ++i) {
+    const Json::Value held = ReadJson(root.tmp(std::string(lines[i].id) + ".held"));
+    const Json::Value& meter = held[held.getMemberNames().at(0)];
+    const auto hours = meter["hourly"].getMemberNames(), days = meter["daily"].getMemberNames();
+    ASSERT_GE(hours.size(), 20u);
+    ASSERT_GE(days.size(), 2u);
+    once[i] = "\"fault_once\": {\"" + hours[4] + "\": \"exception\", \"" + hours[11] + "\": \"silent\", \"" +
+              hours[19] + "\": \"bad_checksum\", \"" + days[1] + "\": \"exception\"}";
+  }
+  auto control = [&](const std::string& fault) {
+    for (int i = 0; i < 2; ++i) {
+      const std::string path = root.tmp(std::string(lines[i].id) + ".control");
+      mcdtest::WriteFile(path + ".new", "{" + fault + (fault.empty() ? "" : ", ") + once[i] + "}");
+      rename((path + ".new").c_str(), path.c_str());
+    }
+  };
+  control("");
   ASSERT_TRUE(daemons[0].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "301", "-i", "303"}, env));
   ASSERT_TRUE(daemons[1].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "302"}, env));
-
-  // Faults while the backfills run, from the moment both meters are identified: each
-  // line in turn silent, answering with exceptions and with wrong CRCs, with healthy
-  // spells between, so walks break off at varying records.
+  // And whole-line faults once both meters are identified: silence, exceptions, wrong CRCs.
   ASSERT_TRUE(mcdtest::WaitFor([&] {
     return mcdtest::FileExists(root.tmp("301/1/tc_items/SerialNumber")) &&
            mcdtest::FileExists(root.tmp("302/1/tc_items/SerialNumber"));
   }, 60s)) << daemons[0].Stderr() << daemons[1].Stderr();
-  for (int round = 0; round < 2; ++round)
-    for (const char* fault : {"{\"silent\": true}", "{}", "{\"exception\": 4}", "{}", "{\"bad_checksum\": true}", "{}"}) {
-      for (const Line& l : lines) {
-        const std::string control = root.tmp(std::string(l.id) + ".control");
-        mcdtest::WriteFile(control + ".new", fault);
-        rename((control + ".new").c_str(), control.c_str());
-      }
-      std::this_thread::sleep_for(1500ms);
-    }
+  for (const char* fault : {"\"silent\": true", "", "\"exception\": 4", "", "\"bad_checksum\": true", ""}) {
+    control(fault);
+    std::this_thread::sleep_for(1500ms);
+  }
 
   auto caughtUp = [&] {
     for (const Line& l : lines) {
