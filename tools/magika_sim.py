@@ -63,7 +63,7 @@ class Magika:
         self.args = args
         self.extra = modbuslib.Extra(args.control)
         self.missing = {int(x) for x in args.missing_hours.split(",") if x.strip()}
-        self.used = set()
+        self.used = {}
         self.key = None
         self.buffer = b""
         self.length = 0

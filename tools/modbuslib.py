@@ -6,7 +6,8 @@ meters key their archives, and the --held-out file.
 Extra switches read from the same JSON control file as simlib's:
     {"exception": 0 | code}   answer every request with this exception code
     {"fault_once": {"<record time>": "exception" | "silent" | "bad_checksum"}}
-                              the first request for that archive record gets the fault
+                              the first request for that archive record gets the fault;
+                              "exception@2" spoils the second request instead
 """
 import json
 import os
@@ -77,12 +78,14 @@ class Extra:
         return self.state.get(key, default)
 
     def once(self, t, used):
-        """The fault armed for the first request of record time t, or None."""
+        """The fault armed for this request of record time t, or None. used counts the
+        requests per record time."""
         fault = (self.get("fault_once", {}) or {}).get(str(t))
-        if fault and str(t) not in used:
-            used.add(str(t))
-            return fault
-        return None
+        if not fault:
+            return None
+        kind, _, nth = fault.partition("@")
+        used[str(t)] = used.get(str(t), 0) + 1
+        return kind if used[str(t)] == int(nth or 1) else None
 
 
 def play_fault(fault, reply):

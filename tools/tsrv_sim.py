@@ -54,7 +54,7 @@ class Tsrv:
         self.args = args
         self.extra = modbuslib.Extra(args.control)
         self.missing = {int(x) for x in args.missing_hours.split(",") if x.strip()}
-        self.used = set()
+        self.used = {}
         self.key = None
         self.refresh()
 

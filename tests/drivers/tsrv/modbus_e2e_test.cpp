@@ -108,9 +108,11 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
   auto env = root.env();
   env["MCD_SERVER_URL"] = server.url();
   env["MCD_TIME_SCALE"] = "600";
-  // Faults inside the walks: the first request for three held hourly records and one
-  // daily record of each meter is answered with an exception, not at all, with a wrong
-  // CRC; the walk breaks off there and must take up again at that record.
+  // Faults inside the walks: a request for three held hourly records and one daily
+  // record of each meter is answered with an exception, not at all, with a wrong CRC;
+  // the walk breaks off there and must take up again at that record. The TSRV is asked
+  // for each record once per walk; the gateway's first walk passes every line on its way
+  // to the archive's end, so there the second read of the line is spoilt.
   std::string once[2];
   for (int i = 0; i < 2; ++i) {
     const Json::Value held = ReadJson(root.tmp(std::string(lines[i].id) + ".held"));
@@ -118,8 +120,9 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
     const auto hours = meter["hourly"].getMemberNames(), days = meter["daily"].getMemberNames();
     ASSERT_GE(hours.size(), 20u);
     ASSERT_GE(days.size(), 2u);
-    once[i] = "\"fault_once\": {\"" + hours[4] + "\": \"exception\", \"" + hours[11] + "\": \"silent\", \"" +
-              hours[19] + "\": \"bad_checksum\", \"" + days[1] + "\": \"exception\"}";
+    const std::string nth = i == 0 ? "" : "@2";
+    once[i] = "\"fault_once\": {\"" + hours[4] + "\": \"exception" + nth + "\", \"" + hours[11] + "\": \"silent" + nth +
+              "\", \"" + hours[19] + "\": \"bad_checksum" + nth + "\", \"" + days[1] + "\": \"exception" + nth + "\"}";
   }
   auto control = [&](const std::string& fault) {
     for (int i = 0; i < 2; ++i) {
