@@ -131,8 +131,12 @@ void CmcdMAGIKAAXXX::init() {
     if (!m_ready) LOG_INFO("CmcdMAGIKAAXXX::init - meter %s, version %s", m_serial.c_str(), m_firmware.c_str());
     m_ready = true;
   } catch (const std::exception& e) {
-    LOG_WARNING("CmcdMAGIKAAXXX::init - identification not read: %s", e.what());
+    // Logged once until the identification succeeds.
+    if (!m_initFailed) LOG_WARNING("CmcdMAGIKAAXXX::init - identification not read: %s", e.what());
+    m_initFailed = true;
+    return;
   }
+  m_initFailed = false;
 }
 
 ParamValueList CmcdMAGIKAAXXX::get_all_system_values() {

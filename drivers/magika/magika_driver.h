@@ -69,6 +69,7 @@ class CmcdMAGIKAAXXX : public CMcdBaseDriver {
   std::unique_ptr<CModbusMeterLink> m_link;
   bool m_ready = false;
   bool m_noSearch = false;
+  bool m_initFailed = false;
   std::string m_serial, m_firmware;
   // The oldest line each archive held when a walk last reached its end; 0 = unknown.
   time_t m_oldest[2] = {0, 0};

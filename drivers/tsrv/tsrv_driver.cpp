@@ -185,7 +185,10 @@ void CmcdTSRV::init() {
   } catch (const std::exception& e) {
     reason = std::string("exchange failed: ") + e.what();
   }
-  if (!reason.empty()) LOG_WARNING("CmcdTSRV::init - values are not read yet: %s", reason.c_str());
+  // The reason is logged once per change, not on every retry.
+  if (!reason.empty() && reason != m_notReady)
+    LOG_WARNING("CmcdTSRV::init - values are not read yet: %s", reason.c_str());
+  m_notReady = reason;
 }
 
 ParamValueList CmcdTSRV::get_all_system_values() {

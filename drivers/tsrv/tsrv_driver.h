@@ -64,4 +64,5 @@ class CmcdTSRV : public CMcdBaseDriver {
   TotalsLayout m_totals = kTotalsUnknown;
   RecordOrder m_order = kOrderUnknown;
   std::string m_model, m_firmware;
+  std::string m_notReady;  // why init did not succeed the last time
 };
