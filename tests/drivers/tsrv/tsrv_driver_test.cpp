@@ -119,6 +119,25 @@ TEST_F(TsrvDriverTest, ARecordOfAnotherTimeIsNotFiled) {
   EXPECT_EQ(log.Count("carries the time 67014660"), 1u);
 }
 
+TEST_F(TsrvDriverTest, WalksAskEachLocalHourOnceAcrossClockChanges) {
+  Ready();
+  setenv("TZ", "Europe/Berlin", 1);
+  tzset();
+  // 25.10.2026 01:00 CEST to 03:00 CET: four hours of time, three local hours (02:00 once).
+  meter.Play({{"01 41 00 00 00 01 01 00 00 01 19 0A 1A 7B CA", ZeroRecord()},
+              {"01 41 00 00 00 01 01 00 00 02 19 0A 1A 7B 8E", ZeroRecord()},
+              {"01 41 00 00 00 01 01 00 00 03 19 0A 1A 7A 72", ZeroRecord()}});
+  ParamValueList out;
+  EXPECT_NE(driver.get_arch_values(ARCH_HOURLY, 1792882800, 1792893600, out), 0);
+  meter.Join();
+  // 29.03.2026 01:00 CET to 03:00 CEST: 02:00 does not exist and is not asked.
+  meter.Play({{"01 41 00 00 00 01 01 00 00 01 1D 03 1A 3C 5B", ZeroRecord()},
+              {"01 41 00 00 00 01 01 00 00 03 1D 03 1A 3D E3", ZeroRecord()}});
+  EXPECT_NE(driver.get_arch_values(ARCH_HOURLY, 1774742400, 1774746000, out), 0);
+  meter.Join();
+  EXPECT_EQ(log.Count("holds no hourly record for"), 5u);
+}
+
 TEST(TsrvTotals, LayoutIsDecidedFromTheBytes) {
   struct Case {
     const char* bytes;
