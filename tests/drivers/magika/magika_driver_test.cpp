@@ -10,6 +10,14 @@ namespace {
 
 using mbtest::Step;
 
+// The program runs in UTC, set before any thread starts.
+struct Utc {
+  Utc() {
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
+} const kUtc;
+
 // 15.05.2024 10:00 in UTC.
 const time_t kHour = 1715767200;
 
@@ -30,8 +38,6 @@ const Step kEnd = {"01 06 03 E8 00 08 08 7C", "01 06 03 E8 00 08 08 7C"};
 class MagikaDriverTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
     driver.SetConfiguration({{"serial", "1"}, {"heat_systems", "1"}});
     driver.SaveConnector(meter.connector());
     meter.Play({kIdentify});
@@ -94,8 +100,6 @@ TEST(MagikaLines, TemplatesAndDatesThatDoNotCheckAreRefused) {
   EXPECT_EQ(fields[1].size, 2);  // daily time counters are two bytes, hourly ones one
   EXPECT_FALSE(CmcdMAGIKAAXXX::ParseTemplate("DATE HOUR X9", ARCH_HOURLY, fields, why));
   EXPECT_FALSE(CmcdMAGIKAAXXX::ParseTemplate("DATE Q1", ARCH_HOURLY, fields, why));  // no HOUR
-  setenv("TZ", "UTC", 1);
-  tzset();
   const uint8_t good[] = {0x15, 0x05, 0x24, 0x23}, badBcd[] = {0x1A, 0x05, 0x24, 0x10}, badHour[] = {0x15, 0x05, 0x24, 0x24};
   EXPECT_EQ(CmcdMAGIKAAXXX::LineTime(fields, good, ARCH_HOURLY), kHour + 13 * 3600);
   EXPECT_EQ(CmcdMAGIKAAXXX::LineTime(fields, good, ARCH_DAILY), kHour - 10 * 3600);

@@ -11,8 +11,17 @@ namespace {
 using mbtest::Hex;
 using mbtest::Step;
 
-// 05.10.2024 15:00 in UTC.
-const time_t kHour = 1728140400;
+// The program runs in Europe/Berlin, set before any thread starts (the simulators and
+// daemons of the end-to-end test inherit it).
+struct Berlin {
+  Berlin() {
+    setenv("TZ", "Europe/Berlin", 1);
+    tzset();
+  }
+} const kBerlin;
+
+// 05.10.2024 15:00 CEST.
+const time_t kHour = 1728133200;
 
 const char kIdRequest[] = "01 11 C0 2C";
 const char kIdAnswer[] =
@@ -54,8 +63,6 @@ std::string ZeroRecord() {
 class TsrvDriverTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
     driver.SetConfiguration({{"serial", "1"}});
     driver.SaveConnector(meter.connector());
   }
@@ -121,8 +128,6 @@ TEST_F(TsrvDriverTest, ARecordOfAnotherTimeIsNotFiled) {
 
 TEST_F(TsrvDriverTest, WalksAskEachLocalHourOnceAcrossClockChanges) {
   Ready();
-  setenv("TZ", "Europe/Berlin", 1);
-  tzset();
   // 25.10.2026 01:00 CEST to 03:00 CET: four hours of time, three local hours (02:00 once).
   meter.Play({{"01 41 00 00 00 01 01 00 00 01 19 0A 1A 7B CA", ZeroRecord()},
               {"01 41 00 00 00 01 01 00 00 02 19 0A 1A 7B 8E", ZeroRecord()},
