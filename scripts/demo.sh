@@ -1,8 +1,8 @@
 #!/bin/sh
 # The demo: installs what the build needs, builds mcd_main, then runs it against the
 # local configuration server and simulated meters (a VKT-7 on one line; an MTR-06, a
-# TM-3E and a second MTR-06 on another), files everything under ./demo-root and shows
-# what was filed. Run as root on Debian 12: sh scripts/demo.sh
+# TM-3E and a second MTR-06 on another; a TSRV-024M and a MAGIKA gateway on a Modbus
+# line each), files everything under ./demo-root and shows what was filed. Run as root on Debian 12: sh scripts/demo.sh
 set -e
 cd "$(dirname "$0")/.."
 sh scripts/setup.sh

@@ -2,9 +2,13 @@
 """Runs mcd_main against the local configuration server and simulated meters of every
 implemented model, then shows what it filed.
 
-Two serial lines, one mcd_main per line as on a controller:
+Four serial lines, one mcd_main per line as on a controller:
   line 1 (vkt7.tty): a VKT-7, meter id 71;
-  line 2 (esko.tty): an MTR-06 (101), a TM-3E (102) and a second MTR-06 (103).
+  line 2 (esko.tty): an MTR-06 (101), a TM-3E (102) and a second MTR-06 (103);
+  line 3 (tsrv.tty, Modbus): a TSRV-024M (81);
+  line 4 (magika.tty, Modbus): a MAGIKA gateway (91).
+The Modbus simulators write the records they hold (--held-out); after the run every
+archive file of those meters is compared with them.
 Everything lives under --root (default ./demo-root): the daemons' volatile and
 persistent trees, the lamp files, the lines, the configuration and the logs.
 MCD_TIME_SCALE makes the daemons' polling waits short, so archives are read and a few
@@ -29,6 +33,12 @@ ESKO = [
     {"id": "101", "manufacturer": "esko-mtr-06", "label": "MTR-06", "addr": 1, "model": "mtr06", "systems": 3},
     {"id": "102", "manufacturer": "esko-tm3", "label": "TM-3E", "addr": 2, "model": "tm3e", "systems": 3},
     {"id": "103", "manufacturer": "esko-mtr-06", "label": "MTR-06", "addr": 3, "model": "mtr06", "systems": 3},
+]
+MODBUS = [
+    {"id": "81", "manufacturer": "tsrv-024m", "label": "TSRV-024M", "script": "tsrv_sim.py", "tty": "tsrv.tty",
+     "systems": 2, "line": "mcd_main_line3"},
+    {"id": "91", "manufacturer": "magika-axxx", "label": "MAGIKA", "script": "magika_sim.py", "tty": "magika.tty",
+     "systems": 2, "line": "mcd_main_line4"},
 ]
 HOURS = 30      # hourly records each simulated meter holds
 DAYS = 4        # daily records
@@ -99,6 +109,11 @@ class Demo:
             meters[m["id"]] = {"manufacturer": m["manufacturer"], "serial": str(m["addr"]), "period_current": "601",
                                "port_params": {"name": self.path("esko.tty"), "speed": "19200"},
                                "systems": systems(m["systems"])}
+        for m in MODBUS:
+            meters[m["id"]] = {"manufacturer": m["manufacturer"], "serial": "1", "period_current": "601",
+                               "heat_systems": str(m["systems"]),
+                               "port_params": {"name": self.path(m["tty"]), "speed": "19200", "protocol": "modbus"},
+                               "systems": systems(m["systems"])}
         with open(self.path("config.json"), "w", encoding="utf-8") as f:
             json.dump({"meters": meters}, f, indent=1)
         self.spawn("config_server", [sys.executable, os.path.join(HERE, "config_server.py"), "--port",
@@ -124,8 +139,12 @@ class Demo:
         for m in ESKO:
             argv += ["--meter", "%d:%s:%d:%d" % (m["addr"], m["model"], HOURS, DAYS)]
         self.spawn("esko_sim", argv)
-        self.wait_for(lambda: os.path.exists(self.path("vkt7.tty")) and os.path.exists(self.path("esko.tty")),
-                      10, "the simulated lines")
+        for m in MODBUS:
+            self.spawn(m["script"][:-3], [sys.executable, os.path.join(HERE, m["script"]), "--link", self.path(m["tty"]),
+                                          "--hours", str(HOURS), "--days", str(DAYS), "--missing-hours", "7",
+                                          "--held-out", self.path(m["id"] + ".held.json")])
+        ttys = ["vkt7.tty", "esko.tty"] + [m["tty"] for m in MODBUS]
+        self.wait_for(lambda: all(os.path.exists(self.path(t)) for t in ttys), 10, "the simulated lines")
 
     def start_daemons(self):
         env = dict(os.environ)
@@ -138,6 +157,8 @@ class Demo:
         for m in ESKO:
             argv += ["-i", m["id"]]
         self.spawn("mcd_main_line2", argv, env, daemon=True)
+        for m in MODBUS:
+            self.spawn(m["line"], [binary, "-e", "-v", "6", "-i", m["id"]], env, daemon=True)
 
     # --- running ---
     def wait_for(self, pred, timeout, what):
@@ -149,7 +170,7 @@ class Demo:
         raise RuntimeError("timed out waiting for " + what)
 
     def meters(self):
-        return [VKT7] + ESKO
+        return [VKT7] + ESKO + MODBUS
 
     def caught_up(self, m):
         now = time.time()
@@ -175,7 +196,8 @@ class Demo:
             done = [m for m in self.meters() if self.caught_up(m)]
             # every meter filed, and a few poll cycles of current values on each line
             if len(done) == len(self.meters()) and self.cycles("mcd_main_line1") >= 3 and \
-                    self.cycles("mcd_main_line2") >= 3 * len(ESKO):
+                    self.cycles("mcd_main_line2") >= 3 * len(ESKO) and \
+                    all(self.cycles(m["line"]) >= 3 for m in MODBUS):
                 print("  all meters filed after %.0f s" % (time.time() - started))
                 return
             if time.time() - last_note >= 10:
@@ -236,6 +258,38 @@ class Demo:
                 stamp(read_number(self.path("storage", mid, "timestamp_max_hourly"))),
                 stamp(read_number(self.path("storage", mid, "timestamp_max_daily")))))
 
+    def check_held_out(self):
+        """Compares every archive file of the Modbus meters with what their simulators hold."""
+        ok = True
+        for m in MODBUS:
+            with open(self.path(m["id"] + ".held.json"), encoding="utf-8") as f:
+                held = json.load(f)
+            want = {}
+            for kinds in held.values():
+                for kind in ("hourly", "daily"):
+                    for t, files in kinds[kind].items():
+                        for rel, (text, quality) in files.items():
+                            want.setdefault(rel, []).append((int(t), "%s,%d,%s" % (t, quality, text)))
+            storage = self.path("storage", m["id"])
+            have = set()
+            for system in os.listdir(storage):
+                arch = os.path.join(storage, system, "tc_archives")
+                if system.isdigit() and os.path.isdir(arch):
+                    have.update("%s/tc_archives/%s" % (system, n) for n in os.listdir(arch))
+            wrong = 0
+            for rel in sorted(have | set(want)):
+                try:
+                    with open(os.path.join(storage, rel), encoding="utf-8") as f:
+                        got = f.read().splitlines()
+                except OSError:
+                    got = []
+                if got != [line for _, line in sorted(want.get(rel, []))]:
+                    wrong += 1
+            print("  %s (%s): %d archive files, %d differ from the records the simulator holds" % (
+                m["id"], m["label"], len(have | set(want)), wrong))
+            ok = ok and wrong == 0
+        return ok
+
     def short(self, text, width):
         return text if len(text) <= width else text[:width - 3] + "..."
 
@@ -290,12 +344,15 @@ def main():
         print("Starting the configuration server and the simulated meters under %s" % demo.root)
         demo.start_server()
         demo.start_meters()
-        print("Starting mcd_main: line 1 VKT-7 (71); line 2 MTR-06 (101), TM-3E (102), MTR-06 (103)")
+        print("Starting mcd_main: line 1 VKT-7 (71); line 2 MTR-06 (101), TM-3E (102), MTR-06 (103); "
+              "line 3 TSRV-024M (81); line 4 MAGIKA (91)")
         demo.start_daemons()
         demo.run()
         print("Stopping")
         ok = demo.stop()
         demo.summary()
+        print("\nModbus meters against their simulators' records:")
+        ok = demo.check_held_out() and ok
         demo.where()
     except (RuntimeError, OSError) as e:
         print("demo failed: %s" % e, file=sys.stderr)

@@ -1,8 +1,14 @@
 #include "transport/modbus_connector.h"
 
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
+#include "drivers/base/crc16.h"
+#include "drivers/base/exceptions.h"
 #include "log/logger.h"
 
 CModbusConnector::CModbusConnector() = default;
@@ -85,4 +91,121 @@ bool CModbusConnector::open_device() {
     ctx = created;
   }
   return true;
+}
+
+namespace {
+
+// Waits until fd is readable or the time-out passes.
+bool Readable(int fd, uint32_t sec, uint32_t usec) {
+  for (;;) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval tv{static_cast<time_t>(sec), static_cast<suseconds_t>(usec)};
+    const int n = select(fd + 1, &set, nullptr, nullptr, &tv);
+    if (n > 0) return true;
+    if (n == 0 || errno != EINTR) return false;
+  }
+}
+
+}  // namespace
+
+int CModbusConnector::RawExchange(const uint8_t* request, int length, uint8_t* answer, int capacity,
+                                  const FrameLength& frameLength) {
+  if (!ctx) return -1;
+  modbus_flush(ctx);
+  if (modbus_send_raw_request(ctx, request, length) == -1) return -1;
+  const int fd = modbus_get_socket(ctx);
+  uint32_t responseSec = 0, responseUsec = 0, byteSec = 0, byteUsec = 0;
+  modbus_get_response_timeout(ctx, &responseSec, &responseUsec);
+  modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
+  int have = 0;
+  int want = 0;
+  while (want == 0 || have < want) {
+    const bool first = have == 0;
+    if (!Readable(fd, first ? responseSec : byteSec, first ? responseUsec : byteUsec)) return -1;
+    const int n = static_cast<int>(read(fd, answer + have, static_cast<size_t>(capacity - have)));
+    if (n <= 0) return -1;
+    have += n;
+    if (want == 0) {
+      want = frameLength(answer, have);
+      if (want < 0 || want > capacity) return -1;
+    }
+    if (have >= capacity && (want == 0 || have < want)) return -1;
+  }
+  // Bytes beyond the announced frame belong to nothing we asked for.
+  if (have != want || want < 4) return -1;
+  return mcd::CheckCrc16(answer, static_cast<size_t>(want - 2)) ? want : -1;
+}
+
+modbus_t* CModbusMeterLink::Context() {
+  m_exception = 0;
+  modbus_t* ctx = m_connector ? m_connector->GetContext() : nullptr;
+  if (!ctx) {
+    LOG_ERR("CModbusMeterLink - no open Modbus line for slave %d", m_slave);
+    throw CDisconnectException();
+  }
+  modbus_set_slave(ctx, m_slave);
+  return ctx;
+}
+
+void CModbusMeterLink::Fail(const char* what) {
+  const int error = errno;
+  if (error > MODBUS_ENOBASE && error < MODBUS_ENOBASE + 0x20) m_exception = error - MODBUS_ENOBASE;
+  if (m_exception)
+    LOG_ERR("CModbusMeterLink::%s - slave %d answered with exception %d", what, m_slave, m_exception);
+  else
+    LOG_ERR("CModbusMeterLink::%s - slave %d: %s", what, m_slave, modbus_strerror(error));
+  throw CDisconnectException();
+}
+
+void CModbusMeterLink::ReadInput(uint16_t address, int count, uint16_t* out) {
+  ModbusLock lock(*m_connector);
+  modbus_t* ctx = Context();
+  if (modbus_read_input_registers(ctx, address, count, out) != count) Fail("ReadInput");
+}
+
+void CModbusMeterLink::WriteRegister(uint16_t address, uint16_t value) {
+  ModbusLock lock(*m_connector);
+  modbus_t* ctx = Context();
+  if (modbus_write_register(ctx, address, value) != 1) Fail("WriteRegister");
+}
+
+void CModbusMeterLink::WriteRegisters(uint16_t address, int count, const uint16_t* values) {
+  ModbusLock lock(*m_connector);
+  modbus_t* ctx = Context();
+  if (modbus_write_registers(ctx, address, count, values) != count) Fail("WriteRegisters");
+}
+
+int CModbusMeterLink::ReportSlaveId(uint8_t* out, int capacity) {
+  ModbusLock lock(*m_connector);
+  modbus_t* ctx = Context();
+  const int n = modbus_report_slave_id(ctx, capacity, out);
+  if (n < 0) Fail("ReportSlaveId");
+  return n < capacity ? n : capacity;
+}
+
+int CModbusMeterLink::Raw(const uint8_t* request, int length, uint8_t* answer, int capacity,
+                          const CModbusConnector::FrameLength& frameLength) {
+  ModbusLock lock(*m_connector);
+  modbus_t* ctx = Context();
+  (void)ctx;
+  const uint8_t function = request[1];
+  auto framing = [&](const uint8_t* bytes, int count) -> int {
+    if (count >= 1 && bytes[0] != request[0]) return -1;
+    if (count < 2) return 0;
+    if (bytes[1] == (function | 0x80)) return 5;
+    if (bytes[1] != function) return -1;
+    return frameLength(bytes, count);
+  };
+  const int n = m_connector->RawExchange(request, length, answer, capacity, framing);
+  if (n < 0) {
+    errno = ETIMEDOUT;
+    Fail("Raw");
+  }
+  if (answer[1] == (function | 0x80)) {
+    errno = MODBUS_ENOBASE + answer[2];
+    Fail("Raw");
+  }
+  return n;
 }

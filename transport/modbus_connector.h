@@ -5,6 +5,9 @@
 
 #include <modbus/modbus.h>
 
+#include <cstdint>
+#include <functional>
+
 #include "transport/connector.h"
 
 class CModbusConnector : public CConnector {
@@ -23,6 +26,18 @@ class CModbusConnector : public CConnector {
   // the connector's mutex.
   modbus_t* GetContext() const { return ctx; }
 
+  // Length of the answer frame (CRC included) once the bytes so far tell it; 0 while
+  // more bytes are needed; -1 when they cannot start an answer.
+  using FrameLength = std::function<int(const uint8_t* bytes, int count)>;
+
+  // One exchange whose answer libmodbus cannot frame by itself (user functions, a
+  // gateway's own byte-count form). Sends `request` (address, function, data; the CRC
+  // is appended) through libmodbus, then reads the answer from the context's line
+  // with the context's response and byte time-outs. Returns the answer length with
+  // its CRC checked, -1 on silence, a short or over-long answer or a wrong CRC.
+  // Call under the connector's mutex.
+  int RawExchange(const uint8_t* request, int length, uint8_t* answer, int capacity, const FrameLength& frameLength);
+
  private:
   modbus_t* ctx = nullptr;
 };
@@ -37,4 +52,36 @@ class ModbusLock {
 
  private:
   pthread_mutex_t* m_mutex;
+};
+
+// One meter on a Modbus line: its slave address and the transactions a driver needs.
+// Each transaction holds the connector's mutex, selects the slave and throws
+// CDisconnectException when it fails (silence, wrong CRC, an exception answer: then
+// LastException() tells the code, else it is 0).
+class CModbusMeterLink {
+ public:
+  CModbusMeterLink(CModbusConnector* connector, int slave) : m_connector(connector), m_slave(slave) {}
+
+  int Slave() const { return m_slave; }
+  int LastException() const { return m_exception; }
+
+  // Function 4: count registers from address into out.
+  void ReadInput(uint16_t address, int count, uint16_t* out);
+  // Function 6 / 16.
+  void WriteRegister(uint16_t address, uint16_t value);
+  void WriteRegisters(uint16_t address, int count, const uint16_t* values);
+  // Function 17: the answer's data after the byte count; returns its length.
+  int ReportSlaveId(uint8_t* out, int capacity);
+  // A raw exchange (see CModbusConnector::RawExchange); an exception answer
+  // (function | 0x80) is recognised here and thrown. Returns the answer length.
+  int Raw(const uint8_t* request, int length, uint8_t* answer, int capacity,
+          const CModbusConnector::FrameLength& frameLength);
+
+ private:
+  modbus_t* Context();
+  [[noreturn]] void Fail(const char* what);
+
+  CModbusConnector* m_connector;
+  int m_slave;
+  int m_exception = 0;
 };

@@ -3,6 +3,8 @@
 #include <iterator>
 
 #include "drivers/esko/esko_driver.h"
+#include "drivers/magika/magika_driver.h"
+#include "drivers/tsrv/tsrv_driver.h"
 #include "drivers/vkt7/vkt7_driver.h"
 
 namespace {
@@ -26,8 +28,8 @@ const DriverFamily kFamilies[] = {
     {"tsm-104", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
     {"tem-106", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
     {"km5-6i", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
-    {"magika-axxx", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
-    {"tsrv-024m", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
+    {"magika-axxx", &Make<CmcdMAGIKAAXXX>, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
+    {"tsrv-024m", &Make<CmcdTSRV>, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
     {"mkts", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
     {"elteko-ts555", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},
     {"teleross-tm", nullptr, kDepth90Days, DriverFamily::kNoHoldOff, false, "20"},

@@ -1,4 +1,6 @@
-// The driver of an unknown manufacturer: it reads nothing.
+// The driver of a manufacturer this version has no driver for: it reads nothing, and
+// it never gets ready, so the loop neither publishes values nor reads archives for it
+// and its connection state stays 0.
 #pragma once
 
 #include "drivers/base/base_driver.h"
@@ -12,4 +14,5 @@ class CMcdEmptyDriver : public CMcdBaseDriver {
   ParamValueList get_all_system_values() override { return ParamValueList(); }
   int GetTimestamps(Timestamps&) override { return 0; }
   int get_arch_values(int, time_t, time_t, ParamValueList&) override { return -1; }
+  bool IsReady() const override { return false; }
 };

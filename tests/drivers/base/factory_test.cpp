@@ -5,6 +5,8 @@
 
 #include "drivers/base/driver_factory.h"
 #include "drivers/base/empty_driver.h"
+#include "drivers/magika/magika_driver.h"
+#include "drivers/tsrv/tsrv_driver.h"
 #include "fake_driver.h"
 #include "server/jsonrpc_connector.h"
 #include "support/test_support.h"
@@ -30,6 +32,9 @@ TEST(DriverSelection, UnknownOrInexactNamesGetTheEmptyDriver) {
     std::unique_ptr<CMcdBaseDriver> driver(NewDriverFor(key));
     EXPECT_NE(driver, nullptr) << key;
   }
+  std::unique_ptr<CMcdBaseDriver> tsrv(NewDriverFor("tsrv-024m")), magika(NewDriverFor("magika-axxx"));
+  EXPECT_NE(dynamic_cast<CmcdTSRV*>(tsrv.get()), nullptr);
+  EXPECT_NE(dynamic_cast<CmcdMAGIKAAXXX*>(magika.get()), nullptr);
 }
 
 TEST(DriverConfiguration, LedIndicationAndReservedPort) {
@@ -90,6 +95,15 @@ TEST_F(FactoryTest, CreateDriverWiresConfiguresAndStartsUnderTheManufacturerName
   EXPECT_FALSE(driver->GetLedIndication());
   EXPECT_TRUE(driver->IsReservedPort());
   EXPECT_FALSE(driver->ArchivesCurrent());
+}
+
+TEST_F(FactoryTest, AModelWithoutADriverSaysSoOnceAndNeverGetsReady) {
+  mcdtest::LogCapture log(4);
+  driver.reset(CreateDriver({{"manufacturer", "tem-104"}}, nullptr, client.get()));
+  EXPECT_FALSE(driver->IsReady());
+  EXPECT_EQ(log.Count("no driver for manufacturer tem-104: nothing is read"), 1u);
+  std::unique_ptr<CMcdBaseDriver> tsrv(CreateDriver({{"manufacturer", "tsrv-024m"}}, nullptr, client.get()));
+  EXPECT_EQ(log.Count("no driver for manufacturer"), 1u);
 }
 
 }  // namespace

@@ -1,0 +1,68 @@
+// Driver of the Vzlet TSRV-024M heat calculator ("tsrv-024m"), read as a Modbus RTU
+// slave: identification by function 17, current values and totals from input
+// registers (function 4), hourly and daily archive records one at a time by their
+// local date and hour with the maker's function 65.
+//
+// What the maker's documents leave open is checked on the meter instead of assumed
+// (see docs/tsrv.md): the 8-byte layout of the totals is decided on first contact,
+// the byte order of archive records from the first record's time field, and a
+// record whose time does not match the time asked for is not filed.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "drivers/base/base_driver.h"
+#include "transport/modbus_connector.h"
+
+class CmcdTSRV : public CMcdBaseDriver {
+ public:
+  ~CmcdTSRV() override;
+
+  void SaveConnector(CConnector* connector) override;
+  void init() override;
+  ParamValueList get_all_curtime_cur_integ_values() override;
+  ParamValueList get_all_system_values() override;
+  int GetTimestamps(Timestamps& out) override;
+  int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
+  bool IsReady() const override { return m_totals != kTotalsUnknown; }
+
+  // How the meter's 8-byte totals are laid out, once decided.
+  enum TotalsLayout { kTotalsUnknown, kTotalsIntFrac, kTotalsFloat };
+  // Byte order of the archive records, once decided by the first record.
+  enum RecordOrder { kOrderUnknown, kOrderBig, kOrderLittle };
+
+  // --- pure decoding steps, public for tests ---
+  // Decides the layout from one total's 8 bytes; kTotalsUnknown when neither fits.
+  static TotalsLayout DecideTotals(const uint8_t* bytes);
+  // Renders an 8-byte total in the given layout; false (and why) when it does not fit.
+  static bool TotalText(const uint8_t* bytes, TotalsLayout layout, std::string& text, std::string& why);
+  // Parses one 172-byte record of system `sys` into archive values of `kind` stamped
+  // `stamp`.
+  static void ParseRecord(const uint8_t* record, bool littleEndian, int kind, int sys, time_t stamp,
+                          ParamValueList& out);
+
+ private:
+  enum Result { kRecord, kNoRecord, kRefused };
+  // Reads the record of system sys (archive kind 4/5) for the local interval starting
+  // at t; kRecord puts its values into out.
+  Result ReadRecord(int type, int sys, time_t t, ParamValueList& out);
+  void ReadInputBytes(uint16_t address, int count, uint8_t* out);
+  int Systems() const;
+
+  // A walk that failed at a record keeps later ranges from being read until a walk
+  // starts at or before that record again (or an hour has passed): records filed past
+  // it would move the bound over it.
+  bool HeldBack(int type, time_t first);
+  void FailedAt(int type, time_t t);
+  time_t m_failedAt[2] = {0, 0};
+  time_t m_failedSince[2] = {0, 0};
+
+  std::unique_ptr<CModbusMeterLink> m_link;
+  TotalsLayout m_totals = kTotalsUnknown;
+  RecordOrder m_order = kOrderUnknown;
+  std::string m_model, m_firmware;
+  std::string m_notReady;  // why init did not succeed the last time
+};

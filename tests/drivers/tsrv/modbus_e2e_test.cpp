@@ -1,0 +1,187 @@
+// The real daemon with the configuration server, a simulated TSRV-024M and a simulated
+// MAGIKA gateway, each on a Modbus line of its own (one mcd_main per line). During the
+// backfill each line goes silent, answers with exceptions and with wrong CRCs; each
+// meter lacks one hourly record (the TSRV answers it with the all-zero record, the
+// gateway's walk passes it by). Afterwards every record the simulators hold is filed
+// exactly once, with the value and quality they say, and nothing else is filed.
+#include <json/json.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Line {
+  const char* id;
+  const char* manufacturer;
+  const char* script;
+  std::vector<std::string> options;
+};
+
+long ReadNumber(const std::string& path) { return atol(mcdtest::ReadFile(path).c_str()); }
+
+Json::Value ReadJson(const std::string& path) {
+  Json::Value value;
+  std::ifstream in(path);
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  if (!Json::parseFromStream(builder, in, &value, &errors)) return Json::Value();
+  return value;
+}
+
+// Newest hourly and daily record times the simulator holds.
+std::pair<long, long> Newest(const Json::Value& held) {
+  long hour = 0, day = 0;
+  for (const auto& address : held.getMemberNames()) {
+    for (const auto& t : held[address]["hourly"].getMemberNames()) hour = std::max(hour, atol(t.c_str()));
+    for (const auto& t : held[address]["daily"].getMemberNames()) day = std::max(day, atol(t.c_str()));
+  }
+  return {hour, day};
+}
+
+// Compares every archive file below the meter's storage with the held-out records:
+// returns one line per file that differs.
+std::string Compare(const Json::Value& held, const std::string& storage, size_t* files) {
+  std::map<std::string, std::vector<std::pair<long, std::string>>> want;
+  for (const auto& address : held.getMemberNames())
+    for (const char* kind : {"hourly", "daily"})
+      for (const auto& t : held[address][kind].getMemberNames())
+        for (const auto& path : held[address][kind][t].getMemberNames()) {
+          const Json::Value& v = held[address][kind][t][path];
+          want[path].push_back({atol(t.c_str()), t + "," + std::to_string(v[1].asInt()) + "," + v[0].asString()});
+        }
+  std::set<std::string> paths;
+  for (const auto& sys : mcdtest::ListDir(storage))
+    if (sys != "default")
+    for (const auto& name : mcdtest::ListDir(storage + sys + "/tc_archives")) paths.insert(sys + "/tc_archives/" + name);
+  for (const auto& w : want) paths.insert(w.first);
+  std::string report;
+  for (const auto& path : paths) {
+    auto expected = want[path];
+    std::sort(expected.begin(), expected.end());
+    std::vector<std::string> lines;
+    for (const auto& e : expected) lines.push_back(e.second);
+    const std::vector<std::string> got = mcdtest::ReadLines(storage + path);
+    if (got != lines)
+      report += path + ": " + std::to_string(got.size()) + " lines filed, " + std::to_string(lines.size()) + " held\n";
+  }
+  *files = paths.size();
+  return report;
+}
+
+TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
+  mcdtest::TempRoot root;
+  const Line lines[] = {
+      {"301", "tsrv-024m", "tools/tsrv_sim.py", {"--systems", "2", "--hours", "30", "--days", "3", "--missing-hours", "3"}},
+      {"302", "magika-axxx", "tools/magika_sim.py", {"--hours", "30", "--days", "3", "--missing-hours", "5"}},
+  };
+  mcdtest::ChildProcess sims[2], daemons[2];
+  std::string meters;
+  for (int i = 0; i < 2; ++i) {
+    const Line& l = lines[i];
+    const std::string tty = root.tmp(std::string(l.id) + ".tty");
+    std::vector<std::string> argv = {"python3", mcdtest::SourcePath(l.script), "--link", tty, "--control",
+                                     root.tmp(std::string(l.id) + ".control"), "--held-out",
+                                     root.tmp(std::string(l.id) + ".held")};
+    argv.insert(argv.end(), l.options.begin(), l.options.end());
+    ASSERT_TRUE(sims[i].Start(argv));
+    ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::FileExists(tty) && mcdtest::FileExists(root.tmp(std::string(l.id) + ".held")); }, 20s));
+    meters += std::string(i ? "," : "") + "\"" + l.id + "\": {\"manufacturer\": \"" + l.manufacturer +
+              "\", \"serial\": \"1\", \"heat_systems\": \"2\", \"period_current\": \"601\", \"port_params\": "
+              "{\"name\": \"" + tty + "\", \"speed\": \"19200\", \"protocol\": \"modbus\"}, "
+              "\"systems\": {\"system_1\": \"1\", \"system_2\": \"1\"}}";
+  }
+  // A model this version does not read, on the TSRV line.
+  meters += ", \"303\": {\"manufacturer\": \"tem-104\", \"period_current\": \"601\", \"port_params\": {\"name\": \"" +
+            root.tmp("301.tty") + "\", \"protocol\": \"modbus\"}}";
+  mcdtest::ConfigServer server;
+  ASSERT_TRUE(server.Start("{\"meters\": {" + meters + "}}"));
+  auto env = root.env();
+  env["MCD_SERVER_URL"] = server.url();
+  env["MCD_TIME_SCALE"] = "600";
+  // Faults inside the walks: a request for three held hourly records and one daily
+  // record of each meter is answered with an exception, not at all, with a wrong CRC;
+  // the walk breaks off there and must take up again at that record. The TSRV is asked
+  // for each record once per walk; the gateway's first walk passes every line on its way
+  // to the archive's end, so there the second read of the line is spoilt.
+  std::string once[2];
+  for (int i = 0; i < 2; ++i) {
+    const Json::Value held = ReadJson(root.tmp(std::string(lines[i].id) + ".held"));
+    const Json::Value& meter = held[held.getMemberNames().at(0)];
+    const auto hours = meter["hourly"].getMemberNames(), days = meter["daily"].getMemberNames();
+    ASSERT_GE(hours.size(), 20u);
+    ASSERT_GE(days.size(), 2u);
+    const std::string nth = i == 0 ? "" : "@2";
+    once[i] = "\"fault_once\": {\"" + hours[4] + "\": \"exception" + nth + "\", \"" + hours[11] + "\": \"silent" + nth +
+              "\", \"" + hours[19] + "\": \"bad_checksum" + nth + "\", \"" + days[1] + "\": \"exception" + nth + "\"}";
+  }
+  auto control = [&](const std::string& fault) {
+    for (int i = 0; i < 2; ++i) {
+      const std::string path = root.tmp(std::string(lines[i].id) + ".control");
+      mcdtest::WriteFile(path + ".new", "{" + fault + (fault.empty() ? "" : ", ") + once[i] + "}");
+      rename((path + ".new").c_str(), path.c_str());
+    }
+  };
+  control("");
+  ASSERT_TRUE(daemons[0].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "301", "-i", "303"}, env));
+  ASSERT_TRUE(daemons[1].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "302"}, env));
+  // And whole-line faults once both meters are identified: silence, exceptions, wrong CRCs.
+  ASSERT_TRUE(mcdtest::WaitFor([&] {
+    return mcdtest::FileExists(root.tmp("301/1/tc_items/SerialNumber")) &&
+           mcdtest::FileExists(root.tmp("302/1/tc_items/SerialNumber"));
+  }, 60s)) << daemons[0].Stderr() << daemons[1].Stderr();
+  for (const char* fault : {"\"silent\": true", "", "\"exception\": 4", "", "\"bad_checksum\": true", ""}) {
+    control(fault);
+    std::this_thread::sleep_for(1500ms);
+  }
+
+  auto caughtUp = [&] {
+    for (const Line& l : lines) {
+      const auto newest = Newest(ReadJson(root.tmp(std::string(l.id) + ".held")));
+      if (ReadNumber(root.storage(std::string(l.id) + "/timestamp_max_hourly")) < newest.first ||
+          ReadNumber(root.storage(std::string(l.id) + "/timestamp_max_daily")) < newest.second)
+        return false;
+    }
+    return true;
+  };
+  ASSERT_TRUE(mcdtest::WaitFor(caughtUp, 120s)) << daemons[0].Stderr() << daemons[1].Stderr();
+  for (auto& d : daemons) {
+    d.Signal(SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(d.Wait(60s, &status));
+    EXPECT_EQ(status, 0);
+  }
+
+  for (const Line& l : lines) {
+    size_t files = 0;
+    EXPECT_EQ(Compare(ReadJson(root.tmp(std::string(l.id) + ".held")), root.storage(std::string(l.id) + "/"), &files),
+              "")
+        << l.manufacturer;
+    EXPECT_GT(files, 30u) << l.manufacturer;
+  }
+  const std::string tsrvLog = daemons[0].Stderr(), magikaLog = daemons[1].Stderr();
+  // The faults were met, and the missing records were skipped with their times.
+  EXPECT_NE(tsrvLog.find("answered with exception 4"), std::string::npos);
+  EXPECT_NE(magikaLog.find("answered with exception 4"), std::string::npos);
+  // Walks were broken off by them, and taken up again.
+  EXPECT_NE(tsrvLog.find("CmcdTSRV::get_arch_values - hourly record"), std::string::npos);
+  EXPECT_NE(magikaLog.find("transfer failed"), std::string::npos);
+  EXPECT_NE(tsrvLog.find("holds no hourly record for"), std::string::npos);
+  EXPECT_NE(magikaLog.find("holds no hourly line for"), std::string::npos);
+  size_t warnings = 0;
+  for (size_t at = tsrvLog.find("no driver for manufacturer tem-104: nothing is read"); at != std::string::npos;
+       at = tsrvLog.find("no driver for manufacturer tem-104: nothing is read", at + 1))
+    ++warnings;
+  EXPECT_EQ(warnings, 1u);
+}
+
+}  // namespace
