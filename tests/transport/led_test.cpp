@@ -1,6 +1,8 @@
 // The traffic lamps: flashes carried out by the lamp's own thread into its file.
 #include "transport/led.h"
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -8,50 +10,87 @@
 #include <gtest/gtest.h>
 
 #include "support/test_support.h"
-#include "transport_helpers.h"
 
 using namespace std::chrono;
 using mcdtest::ReadFile;
 using mcdtest::WaitFor;
-using transporttest::LogCapture;
 
 namespace {
+
+constexpr unsigned kFlashMicros = 150000;  // what the serial connector asks for
+
+// Watches the lamp file closely (every 0.2 ms) until it reads `text`; returns the
+// time it did, or the time-out.
+steady_clock::time_point SeenAt(const std::string& path, const std::string& text, milliseconds timeout) {
+  const auto deadline = steady_clock::now() + timeout;
+  while (ReadFile(path) != text && steady_clock::now() < deadline) std::this_thread::sleep_for(microseconds(200));
+  return steady_clock::now();
+}
+
+double Ms(steady_clock::duration d) { return duration<double, std::milli>(d).count(); }
+
+long VoluntarySwitches() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_nvcsw;
+}
 
 class LedTest : public ::testing::Test {
  protected:
   mcdtest::TempRoot root;
-  LogCapture log{root.tmp("mcd.log")};
+  mcdtest::LogCapture log;
   std::string path = root.leds("kr_red");
-
-  std::string Shines() const { return "CLed::SwichLED - Lamp, whose name is a " + path + ", shines.\n"; }
-  std::string Off() const { return "CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n"; }
 };
 
-TEST_F(LedTest, RequestsBetweenTwoChecksGiveOneFlash) {
-  mcdtest::WriteFile(path, "1111");
-  auto led = std::make_unique<CLed>(path, 20000);
-  EXPECT_EQ("0", ReadFile(path));  // built switched off, thread not yet started
-  EXPECT_FALSE(led->isRunning());
-  led->SwichLED(true);
-  led->SwichLED(true);
-  led->SwichLED(true);
-  EXPECT_EQ("0", ReadFile(path));  // the transfer itself writes nothing
-  EXPECT_TRUE(led->RequestPending());
-  led->start(led.get(), "lamp");
-  ASSERT_TRUE(WaitFor([&] { return ReadFile(path) == "010"; }, seconds(2)));
-  std::this_thread::sleep_for(milliseconds(100));
-  EXPECT_EQ("010", ReadFile(path));
-  EXPECT_FALSE(led->RequestPending());
-  led.reset();
-  EXPECT_EQ(1, log.Count(Shines()));
-  EXPECT_EQ(1, log.Count(Off()));
+TEST_F(LedTest, AFlashStartsAtOnceAndLastsItsTime) {
+  CLed led(path, kFlashMicros);
+  led.start(&led, "lamp");
+  std::this_thread::sleep_for(milliseconds(30));  // the thread is waiting
+  int prompt = 0;
+  std::string expected = "0";
+  for (int flash = 0; flash < 3; ++flash) {
+    const auto asked = steady_clock::now();
+    led.SwichLED(true);
+    const auto lit = SeenAt(path, expected + "1", seconds(2));
+    const auto dark = SeenAt(path, expected + "10", seconds(2));
+    expected += "10";
+    ASSERT_EQ(expected, ReadFile(path));
+    if (Ms(lit - asked) < 10.0) ++prompt;
+    EXPECT_LT(Ms(lit - asked), 100.0);
+    EXPECT_GE(Ms(dark - asked), 150.0);
+    EXPECT_GE(Ms(dark - lit), 140.0);
+    EXPECT_LT(Ms(dark - lit), 250.0);
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  // on a busy machine one start may come late, not two of three
+  EXPECT_GE(prompt, 2);
+  EXPECT_EQ(3u, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", shines.\n"));
+  EXPECT_EQ(3u, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n"));
 }
 
-TEST_F(LedTest, RequestDuringAFlashGivesOneMoreFlash) {
+TEST_F(LedTest, IdleLampsNeitherWriteNorWakeUp) {
+  std::string other = root.leds("lan");
+  CLed a(path, kFlashMicros), b(other, kFlashMicros);
+  a.start(&a, "A");
+  b.start(&b, "B");
+  std::this_thread::sleep_for(milliseconds(50));
+  const long before = VoluntarySwitches();
+  std::this_thread::sleep_for(milliseconds(500));
+  // a lamp waking every 10 ms would add about 50 switches each
+  EXPECT_LT(VoluntarySwitches() - before, 10);
+  EXPECT_EQ("0", ReadFile(path));
+  EXPECT_EQ("0", ReadFile(other));
+}
+
+TEST_F(LedTest, RequestsWhileBusyGiveOneMoreFlashAndNoMore) {
   CLed led(path, 200000);
-  led.start(&led, "lamp");
   led.SwichLED(true);
+  led.SwichLED(true);  // before the thread runs: one flash for both
+  EXPECT_EQ("0", ReadFile(path));  // the transfer itself writes nothing
+  led.start(&led, "lamp");
   ASSERT_TRUE(WaitFor([&] { return ReadFile(path) == "01"; }, seconds(2)));
+  led.SwichLED(false);  // the request was taken when the flash began: nothing happens
+  EXPECT_EQ("01", ReadFile(path));
   led.SwichLED(true);
   led.SwichLED(true);
   EXPECT_TRUE(WaitFor([&] { return ReadFile(path) == "01010"; }, seconds(2)));
@@ -59,31 +98,15 @@ TEST_F(LedTest, RequestDuringAFlashGivesOneMoreFlash) {
   EXPECT_EQ("01010", ReadFile(path));
 }
 
-TEST_F(LedTest, SwitchingOffDuringAFlashDoesNotCutItShort) {
-  CLed led(path, 300000);
-  led.start(&led, "lamp");
-  led.SwichLED(true);
-  ASSERT_TRUE(WaitFor([&] { return ReadFile(path) == "01"; }, seconds(2)));
-  auto lit = steady_clock::now();
-  led.SwichLED(false);  // the request was already taken: nothing happens
-  EXPECT_EQ("01", ReadFile(path));
-  ASSERT_TRUE(WaitFor([&] { return ReadFile(path) == "010"; }, seconds(2)));
-  EXPECT_GE(duration<double>(steady_clock::now() - lit).count(), 0.2);
-}
-
-TEST_F(LedTest, SwitchingOffAPendingRequestWritesZeroAndLogs) {
+TEST_F(LedTest, SwitchingOffAPendingRequestWritesZeroAndCancelsTheFlash) {
+  const std::string off = "CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n";
   CLed led(path, 1000);
-  led.SwichLED(false);  // nothing pending
-  EXPECT_EQ("0", ReadFile(path));
-  EXPECT_EQ(0, log.Count(Off()));
-
+  led.SwichLED(false);  // nothing pending: nothing happens
+  EXPECT_EQ(0u, log.Count(off));
   led.SwichLED(true);
   led.SwichLED(false);
-  EXPECT_FALSE(led.RequestPending());
   EXPECT_EQ("00", ReadFile(path));
-  EXPECT_EQ(1, log.Count(Off()));
-
-  // the cancelled request gives no flash once the thread runs
+  EXPECT_EQ(1u, log.Count(off));
   led.start(&led, "lamp");
   std::this_thread::sleep_for(milliseconds(60));
   EXPECT_EQ("00", ReadFile(path));
@@ -94,28 +117,26 @@ TEST_F(LedTest, DeletingDuringALongFlashStopsAtOnceAndLeavesTheLampOff) {
   led->start(led.get(), "lamp");
   led->SwichLED(true);
   ASSERT_TRUE(WaitFor([&] { return ReadFile(path) == "01"; }, seconds(2)));
-  auto start = steady_clock::now();
+  const auto start = steady_clock::now();
   led.reset();
-  EXPECT_LT(duration<double>(steady_clock::now() - start).count(), 2.0);
+  EXPECT_LT(Ms(steady_clock::now() - start), 2000.0);
   EXPECT_EQ("010", ReadFile(path));
 }
 
 TEST_F(LedTest, AnUnopenableLampIsIgnored) {
-  std::string missing = root.leds("no/such/lamp");
+  const std::string missing = root.leds("no/such/lamp");
   {
     CLed led(missing, 1000);
     led.start(&led, "lamp");
-    led.SwichLED(true);
-    EXPECT_TRUE(WaitFor([&] { return !led.RequestPending(); }, seconds(2)));
-    led.SwichLED(true);
-    led.SwichLED(false);
-    // the loop goes on after writes that went nowhere
-    led.SwichLED(true);
-    EXPECT_TRUE(WaitFor([&] { return !led.RequestPending(); }, seconds(2)));
+    for (int i = 0; i < 2; ++i) {
+      led.SwichLED(true);
+      EXPECT_TRUE(WaitFor([&] { return !led.RequestPending(); }, seconds(2)));
+      std::this_thread::sleep_for(milliseconds(30));
+    }
     EXPECT_TRUE(led.isRunning());
   }
   EXPECT_FALSE(mcdtest::FileExists(missing));
-  EXPECT_EQ(2, log.Count("CLed::SwichLED - Lamp, whose name is a " + missing + ", shines.\n"));
+  EXPECT_EQ(2u, log.Count("CLed::SwichLED - Lamp, whose name is a " + missing + ", shines.\n"));
 }
 
 }  // namespace
