@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/test_support.h"
+#include "transport_helpers.h"
 
 using namespace std::chrono;
 using mcdtest::ReadFile;
@@ -38,7 +39,8 @@ long VoluntarySwitches() {
 class LedTest : public ::testing::Test {
  protected:
   mcdtest::TempRoot root;
-  mcdtest::LogCapture log;
+  // the logger of the other transport tests in this program, on a file of this root
+  transporttest::LogCapture log{root.tmp("mcd.log")};
   std::string path = root.leds("kr_red");
 };
 
@@ -64,8 +66,8 @@ TEST_F(LedTest, AFlashStartsAtOnceAndLastsItsTime) {
   }
   // on a busy machine one start may come late, not two of three
   EXPECT_GE(prompt, 2);
-  EXPECT_EQ(3u, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", shines.\n"));
-  EXPECT_EQ(3u, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n"));
+  EXPECT_EQ(3, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", shines.\n"));
+  EXPECT_EQ(3, log.Count("CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n"));
 }
 
 TEST_F(LedTest, IdleLampsNeitherWriteNorWakeUp) {
@@ -102,11 +104,11 @@ TEST_F(LedTest, SwitchingOffAPendingRequestWritesZeroAndCancelsTheFlash) {
   const std::string off = "CLed::SwichLED - Lamp, whose name is a " + path + ", off.\n";
   CLed led(path, 1000);
   led.SwichLED(false);  // nothing pending: nothing happens
-  EXPECT_EQ(0u, log.Count(off));
+  EXPECT_EQ(0, log.Count(off));
   led.SwichLED(true);
   led.SwichLED(false);
   EXPECT_EQ("00", ReadFile(path));
-  EXPECT_EQ(1u, log.Count(off));
+  EXPECT_EQ(1, log.Count(off));
   led.start(&led, "lamp");
   std::this_thread::sleep_for(milliseconds(60));
   EXPECT_EQ("00", ReadFile(path));
@@ -136,7 +138,7 @@ TEST_F(LedTest, AnUnopenableLampIsIgnored) {
     EXPECT_TRUE(led.isRunning());
   }
   EXPECT_FALSE(mcdtest::FileExists(missing));
-  EXPECT_EQ(2u, log.Count("CLed::SwichLED - Lamp, whose name is a " + missing + ", shines.\n"));
+  EXPECT_EQ(2, log.Count("CLed::SwichLED - Lamp, whose name is a " + missing + ", shines.\n"));
 }
 
 }  // namespace
