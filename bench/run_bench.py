@@ -1,21 +1,30 @@
 #!/usr/bin/env python3
-"""Benchmarks of mcd_main against the meter simulators. Prints its figures.
+"""Benchmarks of mcd_main against the meter simulators of tools/. Prints its figures.
 
-1. Backfill: N days (default 30) of missing hourly and daily archive from a simulated
-   VKT-7 and a simulated MTR-06, both pacing their answers at 9600 baud, each on its own
-   line with its own daemon. Wall time against the protocol's lower bound for the same
-   exchanges: the wire time of every byte that crossed the line (10 bits a byte at 9600
-   baud) or the 100 ms that both protocols prescribe between sending a request and
-   reading its answer, whichever is longer, summed over the exchanges by the simulators. The filed lines are checked against
-   the records the simulators hold.
-2. The daemon's CPU time (user + system) per 1,000 archive records filed (from the
-   backfill runs) and per poll cycle (after the backfill), and its peak resident memory
-   (VmHWM) with 1 meter and with 16 meters on one line.
-3. CPU used over one minute of idle waiting between polls.
+For every meter family in FAMILIES whose simulator is present:
+ 1. Backfill: N days (default 30) of missing hourly and daily archive at 9600 baud, one
+    daemon at the production log level (-v 6) on its own paced line. Wall time against
+    the line's floor for the same exchanges (from the simulator's counters: each
+    exchange's wire time, at least the pause the protocol prescribes, plus the RTU
+    silences of Modbus families), and the records lost and filed twice, counted against
+    the records the simulator held.
+ 2. CPU per 1,000 archive records and per poll cycle, at -v 6 and at -v 7, from short
+    unpaced backfills followed by poll cycles (fast-forwarded clock).
+ 3. Bytes written to persistent storage per day in steady state, archive lines and
+    diagnostic files apart (from the paced backfill and the poll cycles after it).
+Then for the daemon as a whole:
+ 4. Peak resident memory (VmHWM) and private memory, with 1 meter and with 16 meters on
+    one line, and where the resident memory lies (shared libraries, thread stacks,
+    heap and other anonymous memory).
+ 5. Idle CPU with 1 and with 16 meters, over a minute of waiting between polls (real
+    time, no fast-forward).
 """
 import argparse
+import collections
+import concurrent.futures
 import json
 import os
+import re
 import shutil
 import socket
 import subprocess
@@ -25,29 +34,54 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 TICK = os.sysconf("SC_CLK_TCK")
+BITS_PER_BYTE = 10  # start bit, 8 data bits, stop bit: as the simulators pace the line
 
 
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
+# --- the families -------------------------------------------------------------------
+
+class Family:
+    """One row of the table: how to simulate a meter of the family and what it holds.
+
+    sim_args(hours, days, address) gives the simulator's own arguments for a meter
+    holding `hours` hourly records up to the last complete hour and `days` daily
+    records up to yesterday; config is the meter's entry for the configuration server
+    (besides port and period); answer_pause is the pause the protocol prescribes
+    between a request and the reading of its answer; rtu_silences is the number of
+    3.5-character silences that frame one exchange on a Modbus RTU line (request and
+    answer: 2); period is the family's usual polling period in seconds, for the bytes
+    written per day."""
+
+    def __init__(self, name, tool, sim_args, config, answer_pause, rtu_silences, period):
+        self.name, self.tool, self.sim_args, self.config = name, tool, sim_args, config
+        self.answer_pause, self.rtu_silences, self.period = answer_pause, rtu_silences, period
+
+    def present(self):
+        return os.path.exists(os.path.join(ROOT, "tools", self.tool))
 
 
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / TICK  # utime + stime
+def vkt7_args(hours, days, address):
+    now = time.time()
+    return ["--first-hour", str(local_hours_back(now, hours)[0]), "--first-day", str(local_days_back(now, days)[0])]
 
 
-def vm_hwm_kib(pid):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1])
-    return 0
+def esko_args(hours, days, address):
+    return ["--meter", "%d:mtr06:%d:%d" % (address, hours, days)]
 
+
+FAMILIES = [
+    Family("VKT-7", "vkt7_sim.py", vkt7_args, {"manufacturer": "vkt-7"}, 0.1, 0, 5400),
+    Family("MTR-06", "esko_sim.py", esko_args, lambda a: {"manufacturer": "esko-mtr-06", "serial": str(a)}, 0.1, 0, 20),
+    # Modbus RTU families: floor = wire time of every byte + 2 silences per exchange, e.g.
+    # Family("TSRV-024M", "tsrv_sim.py", tsrv_args, lambda a: {...}, 0.0, 2, 20),
+]
+
+
+def family_config(family, address):
+    config = family.config(address) if callable(family.config) else dict(family.config)
+    return config
+
+
+# --- local calendar -----------------------------------------------------------------
 
 def hour_start(t):
     lt = time.localtime(t)
@@ -59,6 +93,87 @@ def midnight(t, days=0):
     return int(time.mktime((lt.tm_year, lt.tm_mon, lt.tm_mday + days, 0, 0, 0, 0, 0, -1)))
 
 
+def local_hours_back(now, count):
+    """The `count` local hour starts ending at the last complete hour, oldest first
+    (a repeated local hour is one record, a left-out one none)."""
+    hours, t = [], hour_start(now)
+    while len(hours) < count:
+        t = hour_start(t - 1)
+        hours.append(t)
+    return sorted(set(hours))
+
+
+def local_days_back(now, count):
+    """The `count` local midnights ending at yesterday's, oldest first."""
+    return [midnight(now, -d) for d in range(count, 0, -1)]
+
+
+# --- process figures ----------------------------------------------------------------
+
+def cpu_seconds(pid):
+    """User + system time of the whole process, exited threads included."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / TICK
+
+
+def thread_cpu_ns(pid):
+    """Run time of the live threads in nanoseconds (finer than the 10 ms ticks)."""
+    total = 0
+    for tid in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/schedstat" % (pid, tid)) as f:
+                total += int(f.read().split()[0])
+        except OSError:
+            pass
+    return total
+
+
+def status_kib(pid, key):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(key + ":"):
+                return int(line.split()[1])
+    return 0
+
+
+def memory(pid):
+    """Peak resident (VmHWM), resident and private KiB now, and the resident KiB by
+    kind: shared libraries and the program (file-backed), thread stacks (the anonymous
+    mappings holding a thread's stack pointer), heap and other anonymous memory."""
+    stack_pointers = []
+    for tid in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/syscall" % (pid, tid)) as f:
+                fields = f.read().split()
+            if len(fields) >= 3:
+                stack_pointers.append(int(fields[-2], 16))
+        except (OSError, ValueError):
+            pass
+    kinds = collections.Counter()
+    private = 0
+    mapping = None
+    with open("/proc/%d/smaps" % pid) as f:
+        for line in f:
+            m = re.match(r"^([0-9a-f]+)-([0-9a-f]+) \S+ \S+ \S+ (\d+)\s*(.*)$", line)
+            if m:
+                low, high, inode, name = int(m.group(1), 16), int(m.group(2), 16), m.group(3), m.group(4)
+                if inode != "0":
+                    kind = "libraries and program"
+                elif name == "[stack]" or any(low <= sp < high for sp in stack_pointers):
+                    kind = "thread stacks"
+                else:
+                    kind = "heap and other anonymous"
+                mapping = kind
+                continue
+            if line.startswith("Rss:"):
+                kinds[mapping] += int(line.split()[1])
+            elif line.startswith(("Private_Clean:", "Private_Dirty:")):
+                private += int(line.split()[1])
+    return dict(hwm=status_kib(pid, "VmHWM"), rss=status_kib(pid, "VmRSS"), private=private,
+                kinds=dict(kinds), threads=len(os.listdir("/proc/%d/task" % pid)))
+
+
 def read_number(path):
     try:
         with open(path) as f:
@@ -67,92 +182,65 @@ def read_number(path):
         return 0
 
 
-def count_lines(path):
+def file_size(path):
     try:
-        with open(path) as f:
-            return sum(1 for _ in f)
+        return os.path.getsize(path)
     except OSError:
         return 0
 
 
-def archive_lines(storage, meter_id):
-    total = 0
+# --- the archive check --------------------------------------------------------------
+
+def archive_files(storage, meter_id):
     for dirpath, _, files in os.walk(os.path.join(storage, meter_id)):
         if dirpath.endswith("tc_archives"):
-            total += sum(count_lines(os.path.join(dirpath, f)) for f in files)
+            for name in files:
+                yield os.path.join(dirpath, name)
+
+
+def check_archives(storage, meter_id, want_hourly, want_daily):
+    """Counts, over every archive file of the meter, the records held by the meter
+    that were not filed (lost) and the lines whose record time is filed more than once
+    (duplicated), and the bytes of the hourly and daily files."""
+    want_h, want_d = set(want_hourly), set(want_daily)
+    result = dict(files=0, lost=0, dup=0, hourly_bytes=0, daily_bytes=0, lines=0)
+    for path in archive_files(storage, meter_id):
+        with open(path, errors="replace") as f:
+            times = [int(line.split(",", 1)[0]) for line in f if line.strip()]
+        if not times:
+            continue
+        distinct = set(times)
+        daily = all(t == midnight(t) for t in distinct) and (len(distinct) < 2 or
+                                                             min(b - a for a, b in zip(sorted(distinct),
+                                                                                       sorted(distinct)[1:])) >= 82800)
+        want = want_d if daily else want_h
+        result["files"] += 1
+        result["lines"] += len(times)
+        result["lost"] += len(want - distinct)
+        result["dup"] += len(times) - len(distinct)
+        result["daily_bytes" if daily else "hourly_bytes"] += file_size(path)
+    return result
+
+
+def diag_bytes(storage):
+    """Bytes of the diagnostic files (the files directly under the storage root that are
+    neither links nor bounds)."""
+    total = 0
+    for name in os.listdir(storage):
+        path = os.path.join(storage, name)
+        if os.path.isfile(path) and not os.path.islink(path) and name.endswith(".log"):
+            total += file_size(path)
     return total
 
 
-class Rig:
-    """A demo root, a configuration server, simulators and daemons; stopped at the end."""
+# --- the rig --------------------------------------------------------------------------
 
-    def __init__(self, binary, name):
-        self.binary = binary
-        self.root = tempfile.mkdtemp(prefix="mcdbench-%s." % name)
-        for sub in ("tmp", "storage", "leds"):
-            os.makedirs(os.path.join(self.root, sub))
-        self.port = free_port()
-        self.meters = {}
-        self.procs = []
-        self.server = None
-
-    def env(self, scale):
-        env = dict(os.environ)
-        env.update(MCD_TMP_DIR=self.path("tmp") + "/", MCD_STORAGE_DIR=self.path("storage") + "/",
-                   MCD_LEDS_DIR=self.path("leds") + "/", MCD_SERVER_URL="http://127.0.0.1:%d/" % self.port)
-        if scale:
-            env["MCD_TIME_SCALE"] = str(scale)
-        return env
-
-    def path(self, *parts):
-        return os.path.join(self.root, *parts)
-
-    def add_meter(self, meter_id, config):
-        self.meters[meter_id] = config
-
-    def start_server(self):
-        with open(self.path("config.json"), "w") as f:
-            json.dump({"meters": self.meters}, f)
-        self.server = subprocess.Popen([sys.executable, os.path.join(ROOT, "tools/config_server.py"), "--port",
-                                        str(self.port), "--config", self.path("config.json")])
-        self.procs.append(self.server)
-        deadline = time.time() + 10
-        while time.time() < deadline:
-            try:
-                socket.create_connection(("127.0.0.1", self.port), 0.2).close()
-                return
-            except OSError:
-                time.sleep(0.05)
-        raise RuntimeError("configuration server did not start")
-
-    def start_sim(self, tool, link, args):
-        p = subprocess.Popen([sys.executable, os.path.join(ROOT, "tools", tool), "--link", link] + args)
-        self.procs.append(p)
-        deadline = time.time() + 10
-        while not os.path.exists(link):
-            if time.time() > deadline:
-                raise RuntimeError("simulator %s did not start" % tool)
-            time.sleep(0.05)
-        return p
-
-    def start_daemon(self, ids, scale):
-        args = [self.binary, "-l", self.path("daemon.log"), "-v", "6"]
-        for i in ids:
-            args += ["-i", i]
-        p = subprocess.Popen(args, env=self.env(scale), stdout=subprocess.DEVNULL)
-        self.procs.append(p)
-        return p
-
-    def stop(self):
-        for p in reversed(self.procs):
-            if p.poll() is None:
-                p.terminate()
-        for p in self.procs:
-            try:
-                p.wait(timeout=120)
-            except subprocess.TimeoutExpired:
-                p.kill()
-        shutil.rmtree(self.root, ignore_errors=True)
+def free_port():
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
 
 
 def wait_for(pred, timeout, poll=0.5):
@@ -164,149 +252,247 @@ def wait_for(pred, timeout, poll=0.5):
     return pred()
 
 
-def backfill(binary, model, days, baud, cycle_seconds):
-    """One daemon, one meter, `days` of missing archive at `baud`. Returns figures."""
-    rig = Rig(binary, model)
-    now = time.time()
-    last_hour = hour_start(now) - 3600
-    yesterday = midnight(now, -1)
-    link = rig.path("line.tty")
-    stats = rig.path("stats.json")
-    config = {"period_current": "60", "port_params": {"name": link, "speed": "9600"},
-              "systems": {"system_1": "1"}}
-    try:
-        if model == "vkt-7":
-            first_hour = hour_start(now) - days * 86400
-            first_day = midnight(now, -days)
-            rig.start_sim("vkt7_sim.py", link, ["--baud", str(baud), "--stats", stats, "--first-hour",
-                                                str(first_hour), "--first-day", str(first_day)])
-            config["manufacturer"] = "vkt-7"
-            hourly_name, daily_name = "A20", "A48"
-            want_hourly = (last_hour - first_hour) // 3600 + 1
-            want_daily = round((yesterday - first_day) / 86400) + 1
-        else:
-            rig.start_sim("esko_sim.py", link, ["--baud", str(baud), "--stats", stats, "--meter",
-                                                "1:mtr06:%d:%d" % (days * 24, days)])
-            config.update(manufacturer="esko-mtr-06", serial="1")
-            hourly_name, daily_name = "A11", "A39"
-            want_hourly, want_daily = days * 24, days
-        rig.add_meter("1", config)
-        rig.start_server()
-        started = time.time()
-        daemon = rig.start_daemon(["1"], scale=60)
-        done = wait_for(lambda: read_number(rig.path("storage/1/timestamp_max_hourly")) >= last_hour and
-                        read_number(rig.path("storage/1/timestamp_max_daily")) >= yesterday, 3 * 3600)
-        wall = time.time() - started
-        cpu_backfill = cpu_seconds(daemon.pid)
-        with open(stats) as f:
-            counts = json.load(f)
-        arch = rig.path("storage/1/1/tc_archives")
-        hourly = count_lines(os.path.join(arch, hourly_name))
-        daily = count_lines(os.path.join(arch, daily_name))
-        records = archive_lines(rig.path("storage"), "1")
+class Rig:
+    """A relocated root, a configuration server, one simulator and one daemon."""
 
-        # poll cycles after the backfill (the period is 60 s, fast-forwarded 60 times)
-        def cycles():
+    def __init__(self, binary, name):
+        self.binary = binary
+        self.root = tempfile.mkdtemp(prefix="mcdbench-%s." % name)
+        for sub in ("tmp", "storage", "leds"):
+            os.makedirs(os.path.join(self.root, sub))
+        self.port = free_port()
+        self.meters = {}
+        self.procs = []
+        self.daemon = None
+
+    def path(self, *parts):
+        return os.path.join(self.root, *parts)
+
+    def start(self, family, addresses, hours, days, baud, period, scale, verbose):
+        link = self.path("line.tty")
+        sim_args = []
+        for a in addresses:
+            sim_args += family.sim_args(hours, days, a)
+            config = family_config(family, a)
+            config.update(period_current=str(period), systems={"system_1": "1"},
+                          port_params={"name": link, "speed": "9600"})
+            self.meters[str(a)] = config
+        extra = ["--stats", self.path("stats.json"), "--answer-pause", str(family.answer_pause)]
+        if baud:
+            extra += ["--baud", str(baud)]
+        self.procs.append(subprocess.Popen([sys.executable, os.path.join(ROOT, "tools", family.tool), "--link", link]
+                                           + extra + sim_args, stdout=subprocess.DEVNULL))
+        if not wait_for(lambda: os.path.exists(link), 10, 0.05):
+            raise RuntimeError("simulator %s did not start" % family.tool)
+        with open(self.path("config.json"), "w") as f:
+            json.dump({"meters": self.meters}, f)
+        self.procs.append(subprocess.Popen([sys.executable, os.path.join(ROOT, "tools/config_server.py"), "--port",
+                                            str(self.port), "--config", self.path("config.json")]))
+        if not wait_for(lambda: self._accepts(), 10, 0.05):
+            raise RuntimeError("configuration server did not start")
+        env = dict(os.environ, MCD_TMP_DIR=self.path("tmp") + "/", MCD_STORAGE_DIR=self.path("storage") + "/",
+                   MCD_LEDS_DIR=self.path("leds") + "/", MCD_SERVER_URL="http://127.0.0.1:%d/" % self.port)
+        env.pop("MCD_TIME_SCALE", None)
+        if scale:
+            env["MCD_TIME_SCALE"] = str(scale)
+        args = [self.binary, "-l", self.path("daemon.log"), "-v", str(verbose)]
+        for a in addresses:
+            args += ["-i", str(a)]
+        self.daemon = subprocess.Popen(args, env=env, stdout=subprocess.DEVNULL)
+        self.procs.append(self.daemon)
+        return self.daemon
+
+    def _accepts(self):
+        try:
+            socket.create_connection(("127.0.0.1", self.port), 0.2).close()
+            return True
+        except OSError:
+            return False
+
+    def stats(self):
+        try:
+            with open(self.path("stats.json")) as f:
+                return json.load(f)
+        except (OSError, ValueError):
+            return {}
+
+    def filed(self, addresses, last_hour, yesterday):
+        return all(read_number(self.path("storage/%s/timestamp_max_hourly" % a)) >= last_hour and
+                   read_number(self.path("storage/%s/timestamp_max_daily" % a)) >= yesterday for a in addresses)
+
+    def cycles(self):
+        try:
+            with open(self.path("daemon.log"), errors="replace") as f:
+                return f.read().count("CMcdBaseDriver::functionThread end all current values.")
+        except OSError:
+            return 0
+
+    def stop(self):
+        for p in reversed(self.procs):
+            if p.poll() is None:
+                p.terminate()
+        # the daemon ends once the driver holding the turn has finished its cycle: the
+        # force-update files start that cycle at once
+        for meter_id in self.meters:
+            open(self.path("tmp", "qmd_force_update_" + meter_id), "w").close()
+        for p in self.procs:
             try:
-                with open(rig.path("daemon.log"), errors="replace") as f:
-                    return f.read().count("CMcdBaseDriver::functionThread end all current values.")
-            except OSError:
-                return 0
-        c0, t0 = cycles(), cpu_seconds(daemon.pid)
-        time.sleep(cycle_seconds)
-        c1, t1 = cycles(), cpu_seconds(daemon.pid)
-        hwm = vm_hwm_kib(daemon.pid)
-        bound = counts["floor_seconds"]
-        return dict(model=model, done=done, wall=wall, bound=bound, ratio=wall / bound if bound else 0,
-                    requests=counts["requests"], bytes=counts["bytes_in"] + counts["bytes_out"],
-                    hourly=hourly, want_hourly=want_hourly, daily=daily, want_daily=want_daily,
-                    records=records, cpu=cpu_backfill,
-                    cpu_per_1000=1000.0 * cpu_backfill / records if records else 0,
-                    cycles=c1 - c0, cpu_per_cycle=(t1 - t0) / (c1 - c0) if c1 > c0 else 0, hwm=hwm)
-    finally:
-        rig.stop()
+                p.wait(timeout=20)
+            except subprocess.TimeoutExpired:
+                p.kill()
+                p.wait()
+        shutil.rmtree(self.root, ignore_errors=True)
 
 
-def many_meters(binary, count):
-    """`count` MTR-06 meters on one unpaced line; peak memory once all have filed."""
-    rig = Rig(binary, "many")
-    link = rig.path("line.tty")
-    try:
-        args = []
-        for a in range(1, count + 1):
-            args += ["--meter", "%d:mtr06:48:7" % a]
-            rig.add_meter(str(a), {"manufacturer": "esko-mtr-06", "serial": str(a), "period_current": "60",
-                                   "port_params": {"name": link}, "systems": {"system_1": "1"}})
-        rig.start_sim("esko_sim.py", link, args)
-        rig.start_server()
-        daemon = rig.start_daemon([str(a) for a in range(1, count + 1)], scale=60)
-        yesterday = midnight(time.time(), -1)
-        done = wait_for(lambda: all(read_number(rig.path("storage/%d/timestamp_max_daily" % a)) >= yesterday
-                                    for a in range(1, count + 1)), 1800)
-        time.sleep(5)
-        return dict(count=count, done=done, hwm=vm_hwm_kib(daemon.pid), threads=len(os.listdir("/proc/%d/task" % daemon.pid)))
-    finally:
-        rig.stop()
+# --- the measurements -----------------------------------------------------------------
 
-
-def idle(binary, seconds):
-    """CPU of a daemon that waits out its polling period (real time, no fast-forward)."""
-    rig = Rig(binary, "idle")
-    link = rig.path("line.tty")
+def backfill(binary, family, days, baud, verbose, steady_seconds):
+    """One meter with `days` of missing archive; wall time to file it all, the floor,
+    lost and duplicated records, CPU, memory, bytes written; then poll cycles."""
+    rig = Rig(binary, family.name)
     try:
         now = time.time()
-        rig.start_sim("vkt7_sim.py", link, ["--first-hour", str(hour_start(now) - 86400),
-                                            "--first-day", str(midnight(now, -2))])
-        rig.add_meter("1", {"manufacturer": "vkt-7", "period_current": "3600",
-                            "port_params": {"name": link}, "systems": {"system_1": "1"}})
-        rig.start_server()
-        daemon = rig.start_daemon(["1"], scale=0)
-        yesterday = midnight(now, -1)
-        done = wait_for(lambda: read_number(rig.path("storage/1/timestamp_max_daily")) >= yesterday, 600)
-        time.sleep(5)
-        t0 = cpu_seconds(daemon.pid)
-        time.sleep(seconds)
-        return dict(done=done, seconds=seconds, cpu=cpu_seconds(daemon.pid) - t0)
+        want_hourly, want_daily = local_hours_back(now, days * 24), local_days_back(now, days)
+        started = time.time()
+        daemon = rig.start(family, [1], days * 24, days, baud, 60, 60, verbose)
+        done = wait_for(lambda: rig.filed([1], want_hourly[-1], want_daily[-1]), 3 * 3600)
+        wall = time.time() - started
+        cpu = cpu_seconds(daemon.pid)
+        stats = rig.stats()
+        check = check_archives(rig.path("storage"), "1", want_hourly, want_daily)
+        diag_backfill = diag_bytes(rig.path("storage"))
+        # poll cycles once everything is filed (period 60 s, fast-forwarded 60 times)
+        c0, t0, d0 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        time.sleep(steady_seconds)
+        c1, t1, d1 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        mem = memory(daemon.pid)
+        requests = stats.get("requests", 0)
+        floor = stats.get("floor_seconds", 0.0) + requests * family.rtu_silences * 3.5 * BITS_PER_BYTE / baud \
+            if baud else 0.0
+        records = check["lines"]
+        cycles = c1 - c0
+        return dict(family=family.name, done=done, wall=wall, floor=floor, ratio=wall / floor if floor else 0.0,
+                    requests=requests, bytes=stats.get("bytes_in", 0) + stats.get("bytes_out", 0),
+                    lost=check["lost"], dup=check["dup"], files=check["files"], records=records, cpu=cpu,
+                    cpu_per_1000=1000.0 * cpu / records if records else 0.0, cycles=cycles,
+                    cpu_per_cycle=(t1 - t0) / cycles if cycles else 0.0, mem=mem,
+                    hourly_bytes_per_record=check["hourly_bytes"] / len(want_hourly),
+                    daily_bytes_per_record=check["daily_bytes"] / len(want_daily),
+                    diag_per_record=diag_backfill / (len(want_hourly) + len(want_daily)),
+                    diag_per_cycle=(d1 - d0) / cycles if cycles else 0.0)
     finally:
         rig.stop()
+
+
+def many(binary, family, count, idle_seconds):
+    """`count` meters on one unpaced line at real time, polled once an hour: memory once
+    all have filed their (small) archives, then the CPU of a minute of waiting."""
+    rig = Rig(binary, "%s-x%d" % (family.name, count))
+    try:
+        now = time.time()
+        want_hourly, want_daily = local_hours_back(now, 24), local_days_back(now, 2)
+        addresses = list(range(1, count + 1))
+        daemon = rig.start(family, addresses, 24, 2, 0, 3600, 0, 6)
+        done = wait_for(lambda: rig.filed(addresses, want_hourly[-1], want_daily[-1]), 900)
+        time.sleep(5)
+        mem = memory(daemon.pid)
+        c0, n0, t0 = rig.cycles(), thread_cpu_ns(daemon.pid), time.time()
+        time.sleep(idle_seconds)
+        n1, t1 = thread_cpu_ns(daemon.pid), time.time()
+        return dict(family=family.name, count=count, done=done, mem=mem, idle_cpu=(n1 - n0) / 1e9,
+                    idle_wall=t1 - t0, idle_cycles=rig.cycles() - c0, records=count * (24 + 2))
+    finally:
+        rig.stop()
+
+
+def pool_run(jobs, workers):
+    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+        futures = [pool.submit(*job) for job in jobs]
+        return [f.result() for f in futures]
+
+
+def kib(value):
+    return "%.1f MiB" % (value / 1024.0)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--binary", default=os.path.join(ROOT, "build/bench/mcd_main"))
-    parser.add_argument("--days", type=int, default=30, help="days of missing archive in the backfill")
+    parser.add_argument("--days", type=int, default=30, help="days of missing archive in the paced backfill")
+    parser.add_argument("--cpu-days", type=int, default=5, help="days of archive in the unpaced CPU runs")
     parser.add_argument("--baud", type=int, default=9600)
+    parser.add_argument("--steady-seconds", type=int, default=30, help="real seconds of poll cycles after a backfill")
     parser.add_argument("--idle-seconds", type=int, default=60)
+    parser.add_argument("--families", default="", help="comma-separated family names (default: every present one)")
     args = parser.parse_args()
 
-    print("load average before: %.2f %.2f %.2f" % os.getloadavg())
-    import concurrent.futures as cf
-    with cf.ThreadPoolExecutor(4) as pool:
-        jobs = [pool.submit(backfill, args.binary, m, args.days, args.baud, 30) for m in ("vkt-7", "esko-mtr-06")]
-        many = pool.submit(many_meters, args.binary, 16)
-        idle_job = pool.submit(idle, args.binary, args.idle_seconds)
-        results = [j.result() for j in jobs]
-        many, idle_result = many.result(), idle_job.result()
+    families = [f for f in FAMILIES if f.present() and (not args.families or f.name in args.families.split(","))]
+    memory_family = next(f for f in families if f.name == "MTR-06") if any(
+        f.name == "MTR-06" for f in families) else families[0]
+    started = time.time()
+    print("machine: %d cores; load average at the start %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
+    print("families: %s" % ", ".join(f.name for f in families))
+
+    # Paced backfills and the real-time idle runs together: they wait on the line and on
+    # the clock, not on the processor.
+    jobs = [(backfill, args.binary, f, args.days, args.baud, 6, args.steady_seconds) for f in families]
+    jobs += [(many, args.binary, memory_family, n, args.idle_seconds) for n in (1, 16)]
+    results = pool_run(jobs, len(jobs))
+    paced, fleets = results[:len(families)], results[len(families):]
+    load_a = os.getloadavg()
+    # Unpaced short backfills at both log levels, one at a time: they measure processor time.
+    cpu_runs = {}
+    for f in families:
+        for level in (6, 7):
+            cpu_runs[(f.name, level)] = backfill(args.binary, f, args.cpu_days, 0, level, args.steady_seconds)
+    load_b = os.getloadavg()
 
     ok = True
-    print("\n1. Backfill of %d days at %d baud" % (args.days, args.baud))
-    for r in results:
-        complete = r["done"] and r["hourly"] == r["want_hourly"] and r["daily"] == r["want_daily"]
-        ok = ok and complete
-        print("   %-12s wall %7.1f s, lower bound %7.1f s, ratio %.2f (%d exchanges, %d bytes); "
-              "hourly lines %d of %d, daily lines %d of %d%s" % (
-                  r["model"], r["wall"], r["bound"], r["ratio"], r["requests"], r["bytes"], r["hourly"],
-                  r["want_hourly"], r["daily"], r["want_daily"], "" if complete else "  INCOMPLETE"))
-    print("\n2. CPU and memory")
-    for r in results:
-        print("   %-12s %.3f s CPU per 1000 archive records (%d records, %.2f s); %.4f s CPU per poll cycle "
-              "(%d cycles); peak RSS %d KiB" % (r["model"], r["cpu_per_1000"], r["records"], r["cpu"],
-                                                 r["cpu_per_cycle"], r["cycles"], r["hwm"]))
-    print("   16 MTR-06 meters on one line: peak RSS %d KiB, %d threads%s" % (
-        many["hwm"], many["threads"], "" if many["done"] else "  (not all filed)"))
-    print("\n3. Idle: %.2f s CPU over %d s of waiting between polls (%.3f%% of one core)" % (
-        idle_result["cpu"], idle_result["seconds"], 100.0 * idle_result["cpu"] / idle_result["seconds"]))
-    print("\nload average after: %.2f %.2f %.2f" % os.getloadavg())
+    print("\n1. Backfill of %d days at %d baud, -v 6 (load average after the paced runs %.2f %.2f %.2f)"
+          % ((args.days, args.baud) + load_a))
+    for r in paced:
+        clean = r["done"] and r["lost"] == 0 and r["dup"] == 0
+        ok = ok and clean
+        print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d (%d records in %d files; "
+              "%d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"], r["dup"],
+                                             r["records"], r["files"], r["requests"], r["bytes"],
+                                             "" if r["done"] else "  NOT FINISHED"))
+    print("\n2. CPU (user + system) per 1,000 archive records and per poll cycle, unpaced %d-day backfills "
+          "(load average after %.2f %.2f %.2f)" % ((args.cpu_days,) + load_b))
+    for f in families:
+        for level in (6, 7):
+            r = cpu_runs[(f.name, level)]
+            ok = ok and r["done"] and r["lost"] == 0 and r["dup"] == 0
+            print("   %-9s -v %d: %5.1f ms per 1,000 records (%d records, %.2f s), %5.1f ms per poll cycle (%d cycles); "
+                  "lost %d, duplicated %d" % (f.name, level, r["cpu_per_1000"] * 1000, r["records"], r["cpu"],
+                                              r["cpu_per_cycle"] * 1000, r["cycles"], r["lost"], r["dup"]))
+    for r in paced:
+        print("   %-9s -v 6 paced: %5.1f ms per 1,000 records, %5.1f ms per poll cycle" % (
+            r["family"], r["cpu_per_1000"] * 1000, r["cpu_per_cycle"] * 1000))
+    print("\n3. Bytes written to persistent storage per day in steady state, one meter")
+    for r, f in zip(paced, families):
+        lines = 24 * r["hourly_bytes_per_record"] + r["daily_bytes_per_record"]
+        diag = 25 * r["diag_per_record"] + 86400.0 / f.period * r["diag_per_cycle"]
+        print("   %-9s archive lines %8.0f bytes (24 hourly records x %.0f + 1 daily x %.0f); diagnostic files "
+              "%6.0f bytes (%.1f per archive record, %.1f per poll cycle at a %d s period)" % (
+                  f.name, lines, r["hourly_bytes_per_record"], r["daily_bytes_per_record"], diag,
+                  r["diag_per_record"], r["diag_per_cycle"], f.period))
+    print("\n4. Memory (%s meters, unpaced line, after all were filed)" % memory_family.name)
+    for r in fleets:
+        m = r["mem"]
+        print("   %2d meter%s: peak resident %s (%d KiB), private %s now; resident now %s = %s; %d threads%s" % (
+            r["count"], "s" if r["count"] > 1 else " ", kib(m["hwm"]), m["hwm"], kib(m["private"]), kib(m["rss"]),
+            ", ".join("%s %s" % (k, kib(v)) for k, v in sorted(m["kinds"].items(), key=lambda kv: -kv[1])),
+            m["threads"], "" if r["done"] else "  (not all filed)"))
+    for r in paced:
+        print("   %-9s paced backfill: peak resident %s, private %s" % (r["family"], kib(r["mem"]["hwm"]),
+                                                                       kib(r["mem"]["private"])))
+    print("\n5. Idle (real time, polling period 3600 s)")
+    for r in fleets:
+        print("   %2d meter%s: %.1f ms CPU over %.0f s (%.3f %% of one core, %d poll cycles meanwhile)" % (
+            r["count"], "s" if r["count"] > 1 else " ", r["idle_cpu"] * 1000, r["idle_wall"],
+            100.0 * r["idle_cpu"] / r["idle_wall"], r["idle_cycles"]))
+    print("\nload average at the end %.2f %.2f %.2f; %.0f s in all" % (os.getloadavg() + (time.time() - started,)))
     return 0 if ok else 1
 
 

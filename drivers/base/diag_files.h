@@ -15,12 +15,12 @@ constexpr long kDiagFileLimit = 5242880;
 // so 5 March 2016 10:04:07 is "116-2-5 10:4:7".
 std::string RawLocalTime(time_t t);
 
-// Appends the label, a newline, every byte as "0x%02X " and "\n\n" to path;
-// then removes the file when it is larger than kDiagFileLimit.
+// Appends the label, a newline, every byte as "0x%02X " and "\n\n" to path in one
+// write; then removes the file when it is larger than kDiagFileLimit.
 void AppendFrameDump(const std::string& path, const std::string& label, const unsigned char* bytes, size_t count);
 
-// Appends RawLocalTime(now) followed by text and a newline to path (text normally
-// begins with a blank); then removes the file when it is larger than kDiagFileLimit.
+// Appends RawLocalTime(now) followed by text and a newline to path in one write (text
+// normally begins with a blank); then removes the file when it is larger than kDiagFileLimit.
 void AppendDebugLine(const std::string& path, const std::string& text);
 
 // Removes path when it is larger than limit bytes. A missing file is no error.
