@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace mcd {
 namespace {
@@ -141,6 +142,10 @@ void InterruptibleSleep(double seconds) {
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
   std::unique_lock<std::mutex> lock(g_stopMutex);
   g_stopCv.wait_until(lock, until, [] { return Interrupted(); });
+}
+
+void PauseMilliseconds(unsigned milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace mcd
