@@ -1,5 +1,7 @@
 #include "app/clock.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -137,6 +139,9 @@ void ClearReloadRequest() {
 }
 
 void InterruptibleSleep(double seconds) {
+  // A sleep is a cancellation point even when a pending stop makes it return at once:
+  // a thread that loops on sleeps after a stop is still cancelled by its owner's stop().
+  pthread_testcancel();
   if (seconds <= 0) return;
   const auto until = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
