@@ -211,8 +211,9 @@ void CConnector::close_device() {
 }
 
 bool CConnector::EnsureOpen() {
-  if (fd > 0) return true;
-  if (!absent || mcd::Monotonic() < nextOpen) return false;
+  // A port closed on purpose (close_device) stays closed and fails as such.
+  if (fd > 0 || !absent) return true;
+  if (mcd::Monotonic() < nextOpen) return false;
   return open_device();
 }
 

@@ -42,21 +42,6 @@ TEST(Options, IdsArePlainNamesOfAtMost64Characters) {
   EXPECT_NE(std::string::npos, r.err.find("\"7?\"")) << r.err;
 }
 
-TEST(Options, ShortAndLongFormsSetEverything) {
-  ParseResult s = Parse({"-d", "-e", "-v", "3", "-l", "/var/log/m.log", "-s", "4096", "-i", "9", "-i", "2"});
-  ParseResult l = Parse({"--daemon", "--stderr", "--verbose", "3", "--logname=/var/log/m.log", "--logsize", "4096",
-                         "--id", "9", "--id=2"});
-  for (const ParseResult* r : {&s, &l}) {
-    ASSERT_FALSE(r->exit) << r->err;
-    EXPECT_TRUE(r->options.daemon);
-    EXPECT_TRUE(r->options.toStderr);
-    EXPECT_EQ(3, r->options.level);
-    EXPECT_EQ(4096, r->options.maxLogSize);
-    EXPECT_EQ("/var/log/m.log", r->options.logName);
-    EXPECT_EQ((std::vector<std::string>{"9", "2"}), r->options.ids);  // command-line order
-  }
-}
-
 TEST(Options, LevelMustBeAWholeIntegerFromZeroToSeven) {
   for (const char* good : {"0", "7", "5"}) {
     ParseResult r = Parse({"-v", good, "-i", "1"});
@@ -119,14 +104,6 @@ TEST(Options, LogNameAndSizeErrors) {
   EXPECT_EQ(kSizeError, r.err);
 }
 
-TEST(Options, MissingIdIsAnErrorWithoutUsage) {
-  ParseResult r = Parse({"-e", "-v", "7"});
-  EXPECT_TRUE(r.exit);
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(kNoIdError, r.err);
-  EXPECT_EQ("", r.out);
-}
-
 TEST(Options, RejectedOptionsArePassedOver) {
   testing::internal::CaptureStderr();
   ParseResult r = Parse({"-x", "-i", "5", "--bogus", "-v"});
@@ -137,14 +114,6 @@ TEST(Options, RejectedOptionsArePassedOver) {
   EXPECT_NE(std::string::npos, getoptMessages.find("invalid option -- 'x'")) << getoptMessages;
   EXPECT_NE(std::string::npos, getoptMessages.find("unrecognized option '--bogus'")) << getoptMessages;
   EXPECT_NE(std::string::npos, getoptMessages.find("option requires an argument -- 'v'")) << getoptMessages;
-}
-
-TEST(Options, ParserCanRunAgain) {
-  ParseResult first = Parse({"-i", "1", "-v", "2"});
-  ParseResult second = Parse({"-i", "3"});
-  EXPECT_EQ(2, first.options.level);
-  EXPECT_EQ(6, second.options.level);
-  EXPECT_EQ(std::vector<std::string>{"3"}, second.options.ids);
 }
 
 TEST(Options, WholeIntegerReader) {

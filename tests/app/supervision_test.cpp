@@ -203,7 +203,6 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, ExtPauseTest,
     ::testing::Values(PauseCase{"AllCurrentRemoves", {{false, true}, {false, true}}, "7200", nullptr, true},
                       PauseCase{"LastLagsWrites", {{false, true}, {false, false}}, nullptr, "7200", false},
-                      PauseCase{"WriteTruncates", {{false, false}}, "123456789", "7200", false},
                       PauseCase{"ReservedFirstCountsAsLagging", {{true, true}, {false, true}}, nullptr, "7200", false},
                       PauseCase{"LastReservedLeavesFile", {{false, false}, {true, true}}, "keep", "keep", false},
                       PauseCase{"OnlyTheLastReservedCounts", {{true, true}, {true, true}, {false, true}}, "x", "7200",

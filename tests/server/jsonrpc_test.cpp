@@ -182,24 +182,6 @@ TEST_F(JsonRpcTest, GetConfigParsing) {
   EXPECT_EQ(ListDir(root.storage("zero")), std::vector<std::string>{"1"});
 }
 
-TEST_F(JsonRpcTest, ConstructionAndSetSystemsWithoutServer) {
-  CJSONRPCConnector connector("42", 0);
-  EXPECT_TRUE(ListDir(root.tmp("42")).empty());
-  EXPECT_TRUE(ListDir(root.storage("42")).empty());
-  EXPECT_TRUE(FileExists(root.storage("42")));
-
-  Json::Value systems(Json::objectValue);
-  systems["system_3"] = "x";
-  systems["system_2"] = "";
-  systems["short"] = "x";
-  systems["system_x"] = "x";
-  EXPECT_TRUE(connector.SetSystems(systems));
-  EXPECT_TRUE(connector.SetSystems(Json::Value("system_1")));  // not an object: nothing
-  EXPECT_EQ(connector.GetDefaultSystem(), 0);
-  EXPECT_EQ(ListDir(root.tmp("42")), std::vector<std::string>{"3"});
-  EXPECT_EQ(ListDir(root.storage("42")), std::vector<std::string>{"3"});
-}
-
 TEST_F(JsonRpcTest, GetConfig2OverridesTheVktPeriod) {
   StartServer(R"({"get_config2": [
     {"port_params": {"name": "/dev/ttyS1"},

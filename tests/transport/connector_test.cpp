@@ -158,13 +158,6 @@ TEST_F(ConnectorTest, ParityAndStopBits) {
   }
 }
 
-TEST_F(ConnectorTest, ConfiguredTimeoutIsOverriddenByTheFixedOne) {
-  auto c = Open({{"timeout", "5000"}});
-  EXPECT_EQ(1500u, c->GetTimeout());
-  EXPECT_EQ(15, Settings(*c).c_cc[VTIME]);
-  EXPECT_EQ("5000", c->GetParams().at("timeout"));
-}
-
 TEST_F(ConnectorTest, FactoryChoosesTheVariantByExactProtocolName) {
   auto plain = Open({{"protocol", "Modbus"}});
   EXPECT_EQ(nullptr, dynamic_cast<CModbusConnector*>(plain.get()));
