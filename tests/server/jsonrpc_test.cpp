@@ -275,7 +275,8 @@ TEST_F(JsonRpcTest, AnswersWithoutTheMeterAreFailedAttempts) {
   std::string out = testing::internal::GetCapturedStdout();
 
   ASSERT_EQ(ports.size(), 1u);
-  EXPECT_EQ(ports.front().drivers.front().at("manufacturer"), "tem-104");
+  // (compared without printing: a wrongly accepted answer holds a megabyte)
+  EXPECT_TRUE(ports.front().drivers.front().at("manufacturer") == "tem-104");
   EXPECT_EQ(canned.requests(), 6);
   // 5 s after an error answer, one without "result" and each refused one; 60 s while the
   // server knows no such meter
