@@ -15,6 +15,9 @@ execute_process(COMMAND gzip -9n -c ${MCD_PACKAGING_DIR}/changelog OUTPUT_FILE $
 install(FILES ${MCD_PACKAGING_DIR}/copyright DESTINATION ${MCD_DOC_DIR})
 install(FILES ${MCD_CHANGELOG_GZ} DESTINATION ${MCD_DOC_DIR})
 install(FILES ${CMAKE_SOURCE_DIR}/README.md DESTINATION ${MCD_DOC_DIR})
+set(MCD_MANPAGE_GZ ${CMAKE_BINARY_DIR}/mcd_main.1.gz)
+execute_process(COMMAND gzip -9n -c ${MCD_PACKAGING_DIR}/mcd_main.1 OUTPUT_FILE ${MCD_MANPAGE_GZ})
+install(FILES ${MCD_MANPAGE_GZ} DESTINATION share/man/man1)
 
 if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   set(MCD_DEB_ARCH armhf)
@@ -33,9 +36,9 @@ set(CPACK_PACKAGE_NAME mcd-main)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "mcd_main developers <mcd-main@heat-collector.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "heat-meter data collection daemon")
-# Lines of the long description, each under 80 columns.
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "heat-meter data collection daemon
-Reads the heat meters of one serial line (VKT-7, MTR-06, TM-3E and other
+# CPack puts the summary line first; these are the lines of the long description, each
+# under 80 columns.
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "Reads the heat meters of one serial line (VKT-7, MTR-06, TM-3E and other
 models), taking each meter's configuration from the controller's local
 configuration server, and files current values under /tmp and hourly and
 daily archive records under /mnt/storage. One systemd instance serves one
@@ -49,7 +52,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Written out rather than computed by dpkg-shlibdeps, which cannot see the armhf
 # libraries of a cross build: the run-time libraries of Debian 12 the binary links.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libjsoncpp25 (>= 1.9.5), libcurl4 (>= 7.74.0), libmodbus5 (>= 3.1.6), libsystemd0 (>= 252), passwd")
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libjsoncpp25 (>= 1.9.5), libcurl4 (>= 7.74.0), libmodbus5 (>= 3.1.6), libsystemd0 (>= 252), passwd, init-system-helpers (>= 1.54)")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${MCD_PACKAGING_DIR}/postinst ${MCD_PACKAGING_DIR}/prerm ${MCD_PACKAGING_DIR}/postrm
     ${MCD_PACKAGING_DIR}/conffiles)

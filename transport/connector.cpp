@@ -134,9 +134,14 @@ bool CConnector::open_device() {
   std::string holder;
   fd = mcd::OpenSerialExclusive(name, busy, holder);
   if (busy) {
+    // Taken by another process while it was away: tried again like an absent device.
+    if (!lineBusy) {
+      busyMessage = "Device " + name + " is in use by " + holder + "; one process serves every meter of a line.";
+      LOG_CRIT("CConnector::open_device - %s", busyMessage.c_str());
+    }
     lineBusy = true;
-    busyMessage = "Device " + name + " is in use by " + holder + "; one process serves every meter of a line.";
-    LOG_CRIT("CConnector::open_device - %s", busyMessage.c_str());
+    absent = true;
+    nextOpen = mcd::Monotonic() + kReopenSeconds;
     return false;
   }
   if (fd <= 0) {
