@@ -102,7 +102,7 @@ if [ "$ARCH" = "$HOSTARCH" ]; then
   chroot "$ROOT" id -nG mcd-main | grep -qw dialout || fail "user mcd-main missing or not in dialout"
   ok "system user mcd-main in group dialout"
   [ -d "$ROOT/mnt/storage" ] || fail "/mnt/storage missing"
-  [ "$(stat -c %G "$ROOT/mnt/storage")" = mcd-main ] && [ -n "$(find "$ROOT/mnt/storage" -maxdepth 0 -perm -g+w)" ] \
+  [ "$(chroot "$ROOT" stat -c %G /mnt/storage)" = mcd-main ] && [ -n "$(find "$ROOT/mnt/storage" -maxdepth 0 -perm -g+w)" ] \
     || fail "/mnt/storage not writable for the group mcd-main"
   ok "/mnt/storage created, writable for mcd-main"
   chroot "$ROOT" systemd-analyze verify --man=no mcd_main@12.service || fail "unit does not verify"
@@ -117,7 +117,7 @@ if [ "$ARCH" = "$HOSTARCH" ]; then
   start_server "$ROOT/tmp"
   run_and_stop "$ROOT/tmp/run.log" chroot --userspec=mcd-main:mcd-main "$ROOT" \
     env MCD_SERVER_URL="http://127.0.0.1:$PORT/" /usr/bin/mcd_main -e -i 12
-  [ "$(stat -c %U "$ROOT/mnt/storage/12")" = mcd-main ] || fail "meter tree not made by mcd-main"
+  [ "$(chroot "$ROOT" stat -c %U /mnt/storage/12)" = mcd-main ] || fail "meter tree not made by mcd-main"
   ok "mcd_main -i 12 as mcd-main: set up, meter tree made, status 0 within 10 s of SIGTERM"
   chroot "$ROOT" dpkg -i /tmp/package.deb >/dev/null || fail "dpkg -i over the installed package"
   [ -f "$ROOT/etc/mcd_main/line1.conf" ] && chroot "$ROOT" id mcd-main >/dev/null || fail "upgrade lost the set-up"
