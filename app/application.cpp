@@ -1,22 +1,22 @@
 #include "app/application.h"
 
-#include <execinfo.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <ucontext.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
 #include <vector>
 
+#include "app/clock.h"
 #include "app/options.h"
+#include "app/service_notify.h"
+#include "app/signals.h"
 #include "app/supervision.h"
 #include "drivers/base/base_driver.h"
 #include "drivers/base/driver_factory.h"
@@ -27,101 +27,6 @@
 namespace mcd {
 
 namespace {
-
-// Set while the process is setting up and again once a termination signal arrived;
-// main clears it when every driver exists. The signal handler touches only this flag
-// and the logger.
-std::atomic<bool> g_exitFlag{true};
-static_assert(std::atomic<bool>::is_always_lock_free, "the exit flag is written by a signal handler");
-
-#define MCD_RED "\e[1;31m"
-#define MCD_RESET "\e[0m"
-const char kSeparator[] = "---------------------------------------------------------";  // 57 hyphens
-static_assert(sizeof kSeparator == 58, "separator is 57 hyphens");
-
-constexpr int kBacktraceDepth = 100;
-
-// strsignal() texts of the handled signals, taken at install time so the handler does
-// not call into the locale machinery.
-struct SignalName {
-  int number;
-  char text[64];
-};
-SignalName g_signalNames[4];
-
-const char* SignalText(int sig) {
-  for (const SignalName& name : g_signalNames)
-    if (name.number == sig) return name.text;
-  return "Unknown signal";
-}
-
-unsigned long ProgramCounter(void* context) {
-  if (!context) return 0;
-  auto* uc = static_cast<ucontext_t*>(context);
-#if defined(__x86_64__)
-  return static_cast<unsigned long>(uc->uc_mcontext.gregs[REG_RIP]);
-#elif defined(__i386__)
-  return static_cast<unsigned long>(uc->uc_mcontext.gregs[REG_EIP]);
-#elif defined(__aarch64__)
-  return static_cast<unsigned long>(uc->uc_mcontext.pc);
-#elif defined(__arm__)
-  return static_cast<unsigned long>(uc->uc_mcontext.arm_pc);
-#else
-  (void)uc;
-  return 0;
-#endif
-}
-
-void LogSeparator() { LOG_CRIT(MCD_RED "%s" MCD_RESET, kSeparator); }
-
-void SignalHandler(int sig, siginfo_t* info, void* context) {
-  (void)info;
-  const unsigned long pc = ProgramCounter(context);
-  LogSeparator();
-  LOG_CRIT(MCD_RED "System signal number %d (%s) is received from address %lx." MCD_RESET, sig, SignalText(sig), pc);
-
-  if (sig == SIGSEGV) {
-    LOG_CRIT(MCD_RED "Application done due to SIGSEGV." MCD_RESET);
-    void* frames[kBacktraceDepth];
-    int count = backtrace(frames, kBacktraceDepth);
-    if (count > 1) frames[1] = reinterpret_cast<void*>(pc);
-    char** symbols = backtrace_symbols(frames, count);
-    LOG_CRIT(MCD_RED "backtrace:" MCD_RESET);
-    if (symbols) {
-      for (int i = 1; i < count; ++i) LOG_CRIT(MCD_RED "%s" MCD_RESET, symbols[i]);
-      free(symbols);
-    }
-    LogSeparator();
-    abort();
-  }
-
-  if (sig == SIGINT && g_exitFlag.load()) {
-    LOG_CRIT(MCD_RED "Application done due to SIGINT. Immediate exit!");
-    LogSeparator();
-    _exit(1);
-  }
-
-  g_exitFlag.store(true);
-  LogSeparator();
-}
-
-void InstallSignalHandler() {
-  const int signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGSEGV};
-  for (size_t i = 0; i < 4; ++i) {
-    g_signalNames[i].number = signals[i];
-    snprintf(g_signalNames[i].text, sizeof g_signalNames[i].text, "%s", strsignal(signals[i]));
-  }
-  // The first backtrace() loads the unwinder; do it now rather than inside the handler.
-  void* warmup[2];
-  backtrace(warmup, 2);
-
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
-  action.sa_sigaction = &SignalHandler;
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  for (int sig : signals) sigaction(sig, &action, nullptr);
-}
 
 void CloseDescriptors(rlim_t limit) {
 #ifdef SYS_close_range
@@ -187,11 +92,71 @@ void LogConfiguration(const std::string& id, const std::list<PortConfig>& ports)
   }
 }
 
+// Everything a configuration builds: the clients, the one serial connector and the
+// drivers, in creation order.
+struct Plant {
+  CConnector* connector = nullptr;
+  std::vector<CMcdBaseDriver*> drivers;
+  std::vector<CJSONRPCConnector*> clients;
+};
+
+// Deletes the drivers (each thread cancelled and joined), then the connector (its lamp
+// threads stopped, the line released) and the clients.
+void TearDown(Plant& plant) {
+  for (CMcdBaseDriver* driver : plant.drivers) delete driver;
+  plant.drivers.clear();
+  delete plant.connector;
+  plant.connector = nullptr;
+  for (CJSONRPCConnector* client : plant.clients) delete client;
+  plant.clients.clear();
+}
+
+enum class SetUpResult { kDone, kStopped, kLineBusy };
+
+// Fetches every identifier's configuration and builds the connector and the drivers.
+// A reload requested meanwhile restarts the fetch of the identifier under way; a stop
+// ends the set-up.
+SetUpResult SetUp(const Options& options, Plant& plant) {
+  for (const std::string& id : options.ids) {
+    auto* client = new CJSONRPCConnector(id, 0);
+    plant.clients.push_back(client);
+    service::Status("waiting for the configuration of heat meter " + id);
+    std::list<PortConfig> ports;
+    for (;;) {
+      ports = client->GetInitParameters1();
+      if (StopRequested()) return SetUpResult::kStopped;
+      if (!ReloadRequested()) break;
+      ClearReloadRequest();
+    }
+    LogConfiguration(id, ports);
+    for (const PortConfig& port : ports) {
+      if (port.portParams.find("name") == port.portParams.end()) {
+        LOG_WARNING("main - heat meter %s: port entry without \"name\", its meters are not served.", id.c_str());
+        continue;
+      }
+      if (!plant.connector) {
+        plant.connector = CConnector::CreateConnector(port.portParams);
+        if (plant.connector->LineBusy()) {
+          const std::string text = "main - " + plant.connector->BusyMessage();
+          LOG_CRIT("%s", text.c_str());
+          fprintf(stderr, "%s\n", text.c_str());
+          return SetUpResult::kLineBusy;
+        }
+      }
+      for (const ParamMap& meter : port.drivers) plant.drivers.push_back(CreateDriver(meter, plant.connector, client));
+    }
+  }
+  return SetUpResult::kDone;
+}
+
 }  // namespace
 
 int MainEntry(int argc, char** argv) {
   // Lines on standard output go out whole, whatever standard output is.
   setvbuf(stdout, nullptr, _IOLBF, 0);
+  // Before any thread exists, so that every thread inherits the mask and only the
+  // signal thread takes these signals.
+  BlockControlSignals();
 
   ParseResult parsed = ParseOptions(argc, argv);
   if (!parsed.err.empty()) fputs(parsed.err.c_str(), stderr);
@@ -210,42 +175,39 @@ int MainEntry(int argc, char** argv) {
   log->setStderr(options.toStderr);
   log->setMaxSize(options.maxLogSize);
 
-  InstallSignalHandler();
+  InstallCrashHandler();
+  SignalThread signals;
   LOG_INFO("main - mcd_main %s started.", MCD_VERSION_TEXT);
+  // Ready as soon as signals are taken: a configuration server that is down keeps the
+  // set-up waiting, and neither a start nor a package upgrade should wait with it.
+  service::Ready();
 
-  CConnector* connector = nullptr;
-  std::vector<CMcdBaseDriver*> drivers;
-  std::vector<CJSONRPCConnector*> clients;
-  for (const std::string& id : options.ids) {
-    auto* client = new CJSONRPCConnector(id, 0);
-    std::list<PortConfig> ports = client->GetInitParameters1();
-    LogConfiguration(id, ports);
-    for (const PortConfig& port : ports) {
-      if (port.portParams.find("name") == port.portParams.end()) {
-        LOG_WARNING("main - heat meter %s: port entry without \"name\", its meters are not served.", id.c_str());
-        continue;
-      }
-      if (!connector) connector = CConnector::CreateConnector(port.portParams);
-      for (const ParamMap& meter : port.drivers) drivers.push_back(CreateDriver(meter, connector, client));
+  Plant plant;
+  int status = 0;
+  for (;;) {
+    SetUpResult result = SetUp(options, plant);
+    if (result == SetUpResult::kLineBusy) {
+      status = 1;
+      break;
     }
-    clients.push_back(client);
+    if (result == SetUpResult::kStopped) break;
+
+    LOG_INFO("main - set-up done: %zu driver(s), supervision begins.", plant.drivers.size());
+    service::Status("reading meters");
+    if (RunSupervision(plant.drivers) == SupervisionEnd::kStop) break;
+
+    service::Reloading();
+    LOG_NOTICE("main - reload: stopping %zu driver(s) to read the configuration again.", plant.drivers.size());
+    TearDown(plant);
+    ClearReloadRequest();
+    service::Ready();
   }
 
-  g_exitFlag.store(false);
-  LOG_INFO("main - set-up done: %zu driver(s), supervision begins.", drivers.size());
-
-  RunSupervision(drivers, g_exitFlag);
-
-  LOG_INFO("main - shutdown: deleting %zu driver(s).", drivers.size());
-  for (CMcdBaseDriver* driver : drivers) delete driver;
-  drivers.clear();
-  // The drivers were the connector's only users; deleting it stops the lamp threads
-  // before the process tears down.
-  delete connector;
-  for (CJSONRPCConnector* client : clients) delete client;
-  clients.clear();
+  service::Stopping();
+  LOG_INFO("main - shutdown: deleting %zu driver(s).", plant.drivers.size());
+  TearDown(plant);
   LOG_INFO("main - shutdown done.");
-  return 0;
+  return status;
 }
 
 }  // namespace mcd

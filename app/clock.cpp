@@ -1,5 +1,7 @@
 #include "app/clock.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace mcd {
 namespace {
@@ -136,11 +139,18 @@ void ClearReloadRequest() {
 }
 
 void InterruptibleSleep(double seconds) {
+  // A sleep is a cancellation point even when a pending stop makes it return at once:
+  // a thread that loops on sleeps after a stop is still cancelled by its owner's stop().
+  pthread_testcancel();
   if (seconds <= 0) return;
   const auto until = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
   std::unique_lock<std::mutex> lock(g_stopMutex);
   g_stopCv.wait_until(lock, until, [] { return Interrupted(); });
+}
+
+void PauseMilliseconds(unsigned milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace mcd

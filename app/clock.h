@@ -64,4 +64,8 @@ inline bool InterruptRequested() { return StopRequested() || ReloadRequested(); 
 // reload request. The building block of the default clocks; test clocks may use it too.
 void InterruptibleSleep(double seconds);
 
+// A short real pause that no stop or reload request ends: for the bounded wait of a
+// loop that is already ending (main waiting for a driver to give its turn back).
+void PauseMilliseconds(unsigned milliseconds);
+
 }  // namespace mcd

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 namespace mcd {
@@ -14,6 +15,8 @@ const char kErrorLogName[] = "\nmain: Error logs file name!\n";
 const char kErrorLevel[] = "\nmain: Unacceptable logs level!\n";
 const char kErrorLogSize[] = "\nmain: Unacceptable max logfile size!\n";
 const char kErrorNoId[] = "\nmain: Do not set any ID of HeatMeter!\n";
+const char kErrorIdFormat[] =
+    "\nmain: Unacceptable ID of HeatMeter \"%s\": letters, digits, '-' and '_' only, 1 to 64 characters!\n";
 
 const struct option kLongOptions[] = {
     {"release", no_argument, nullptr, 'r'},   {"help", no_argument, nullptr, 'h'},
@@ -31,6 +34,17 @@ ParseResult Fail(const char* text, bool withUsage, const char* program) {
   result.err = std::string(text) + "\n";
   if (withUsage) result.out = UsageText(program);
   return result;
+}
+
+// The identifier names the meter's directories under the item and storage roots and
+// the force-update flag file, so it must be one plain path component.
+bool ValidId(const std::string& id) {
+  if (id.empty() || id.size() > kMaxIdLength) return false;
+  for (char c : id) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+    if (!ok) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -105,9 +119,22 @@ ParseResult ParseOptions(int argc, char** argv) {
         if (!optarg || !*optarg) return Fail(kErrorLogName, true, program);
         options.logName = optarg;
         break;
-      case 'i':
-        options.ids.push_back(optarg ? optarg : "");
+      case 'i': {
+        const std::string id = optarg ? optarg : "";
+        if (!ValidId(id)) {
+          // Shown cut and with control characters replaced, whatever was given.
+          std::string shown = id.substr(0, kMaxIdLength + 8);
+          for (char& c : shown)
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+          if (shown.size() < id.size()) shown += "...";
+          char text[256];
+          snprintf(text, sizeof text, kErrorIdFormat, shown.c_str());
+          ParseResult failed = Fail(text, true, program);
+          return failed;
+        }
+        options.ids.push_back(id);
         break;
+      }
       case 's': {
         int size = 0;
         if (!ParseWholeInt(optarg, size)) return Fail(kErrorLogSize, true, program);

@@ -1,10 +1,14 @@
 // Command-line options of mcd_main.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace mcd {
+
+// Longest meter identifier accepted on the command line.
+constexpr size_t kMaxIdLength = 64;
 
 struct Options {
   bool daemon = false;
@@ -28,7 +32,8 @@ struct ParseResult {
 // Parses argv with getopt_long ("rhv:del:i:s:"). Options act in the order given:
 // -r and -h end parsing at once, a bad -l, -v or -s ends it where it is met, and an
 // option getopt_long rejects is passed over (getopt_long prints its own message).
-// Missing -i is checked after the last option. Restarts getopt's scan on every call.
+// An -i identifier other than 1 to kMaxIdLength letters, digits, '-' or '_' is refused
+// like a bad -v. Missing -i is checked after the last option. Restarts getopt's scan on every call.
 ParseResult ParseOptions(int argc, char** argv);
 
 // The help text, one line each, headed by "Usage: <program> [options]".

@@ -32,6 +32,9 @@ class logger {
   void setStderr(bool on) { m_stderr.store(on, std::memory_order_relaxed); }
   void setMaxSize(int bytes) { m_maxSize.store(bytes, std::memory_order_relaxed); }
   bool isWritable(int level) const { return level <= this->level(); }
+  // The log file's path while lines go to a file; null while they go to standard
+  // error or syslog.
+  const char* filePath() const { return m_syslog || m_stderr.load() ? nullptr : m_name; }
 
   void Emerg(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   void Alert(const char* fmt, ...) __attribute__((format(printf, 2, 3)));

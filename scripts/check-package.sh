@@ -4,13 +4,19 @@
 #   sh scripts/check-package.sh build/packages/mcd-main_<version>_amd64.deb
 #   sh scripts/check-package.sh build/packages/mcd-main_<version>_armhf.deb
 #
+# First lintian (installed when missing) must find no error and no warning.
 # This machine's architecture: a minimal root made once with debootstrap
 # (build/root-bookworm-<arch>, with the run-time libraries and systemd) is copied to a
 # fresh folder, the package is installed there with dpkg -i inside chroot, and:
-#   - `mcd_main -r` prints the version;
-#   - /mnt/storage exists and the unit passes `systemd-analyze verify`;
-#   - the unit's command line for instance 12 starts against a local configuration
-#     server (tools/config_server.py with no meters) and ends with status 0 on SIGTERM.
+#   - `mcd_main -r` prints the version; the user mcd-main exists, in group dialout;
+#   - /mnt/storage exists, writable for the group mcd-main; the unit passes
+#     `systemd-analyze verify` and `systemd-analyze security` rates it 4.0 or better;
+#   - with a meter configured (/etc/mcd_main/line1.conf: MCD_ARGS="-i 12", meter 12 on
+#     the local configuration server, tools/config_server.py), the unit's command line
+#     runs as the unit's user, files the meter's tree, and ends with status 0 within
+#     10 s of SIGTERM;
+#   - installing the package again (an upgrade) keeps the user and the configuration;
+#   - purging removes the program and /etc/default/mcd_main, keeps /mnt/storage.
 # armhf on another machine: chroot cannot run ARM programs without binfmt, so the
 # package is unpacked into a copy of the armhf sysroot (Debian's armhf libraries,
 # scripts/cross-armhf.sh), the same checks of the binary run through qemu-arm, and
@@ -32,7 +38,7 @@ ok() { echo "check-package.sh: ok: $*"; }
 # Starts the configuration server on a free loopback port; sets SERVER_PID and PORT.
 start_server() {
   cfg=$1/mcd-check-config.json
-  echo '{"meters": {}}' > "$cfg"
+  echo '{"meters": {"12": {"manufacturer": "none", "period_current": "20", "port_params": {"name": "/dev/null"}}}}' > "$cfg"
   PORT=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
   python3 "$TOP/tools/config_server.py" --port "$PORT" --config "$cfg" &
   SERVER_PID=$!
@@ -57,15 +63,21 @@ run_and_stop() {
     fi
     sleep 0.1
   done
+  started=$(date +%s)
   kill -TERM "$pid"
   status=0
   wait "$pid" || status=$?
+  [ $(($(date +%s) - started)) -le 10 ] || fail "more than 10 s from SIGTERM to the end"
   grep -q "shutdown done" "$log" || { cat "$log"; fail "no orderly shutdown"; }
   [ "$status" = 0 ] || { cat "$log"; fail "exit status $status after SIGTERM"; }
 }
 
 cleanup() { [ -n "$SERVER_PID" ] && kill "$SERVER_PID" 2>/dev/null || true; }
 trap cleanup EXIT
+
+command -v lintian >/dev/null || { apt-get update -qq; apt-get install -y -qq --no-install-recommends lintian; }
+lintian --fail-on error,warning "$DEB" || fail "lintian"
+ok "lintian: no error, no warning"
 
 if [ "$ARCH" = "$HOSTARCH" ]; then
   [ "$(id -u)" = 0 ] || fail "run as root (debootstrap, chroot)"
@@ -87,19 +99,34 @@ if [ "$ARCH" = "$HOSTARCH" ]; then
   echo "$out"
   echo "$out" | grep -q "^version $VERSION " || fail "mcd_main -r printed '$out'"
   ok "mcd_main -r"
+  chroot "$ROOT" id -nG mcd-main | grep -qw dialout || fail "user mcd-main missing or not in dialout"
+  ok "system user mcd-main in group dialout"
   [ -d "$ROOT/mnt/storage" ] || fail "/mnt/storage missing"
-  ok "/mnt/storage created"
+  [ "$(chroot "$ROOT" stat -c %G /mnt/storage)" = mcd-main ] && [ -n "$(find "$ROOT/mnt/storage" -maxdepth 0 -perm -g+w)" ] \
+    || fail "/mnt/storage not writable for the group mcd-main"
+  ok "/mnt/storage created, writable for mcd-main"
   chroot "$ROOT" systemd-analyze verify --man=no mcd_main@12.service || fail "unit does not verify"
   ok "systemd-analyze verify mcd_main@12.service"
-  # The unit's command line, as systemd expands it for instance 12.
+  exposure=$(chroot "$ROOT" systemd-analyze security --offline=yes /lib/systemd/system/mcd_main@.service 2>&1 \
+    | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+  [ -n "$exposure" ] && awk -v e="$exposure" 'BEGIN { exit !(e <= 4.0) }' || fail "exposure '$exposure' above 4.0"
+  ok "systemd-analyze security: exposure $exposure"
+  # A meter configured for one line; the unit's command line for instance line1, as
+  # systemd expands it, run as the unit's user.
+  echo 'MCD_ARGS="-i 12"' > "$ROOT/etc/mcd_main/line1.conf"
   start_server "$ROOT/tmp"
-  run_and_stop "$ROOT/tmp/run.log" chroot "$ROOT" env MCD_SERVER_URL="http://127.0.0.1:$PORT/" \
-    /usr/bin/mcd_main -e -i 12
-  ok "mcd_main -i 12 starts and stops with status 0 on SIGTERM"
-  chroot "$ROOT" dpkg -r mcd-main >/dev/null || fail "dpkg -r"
-  [ ! -e "$ROOT/usr/bin/mcd_main" ] || fail "binary left after removal"
-  [ -d "$ROOT/mnt/storage" ] || fail "removal took /mnt/storage"
-  ok "dpkg -r removes the program and keeps /mnt/storage"
+  run_and_stop "$ROOT/tmp/run.log" chroot --userspec=mcd-main:mcd-main "$ROOT" \
+    env MCD_SERVER_URL="http://127.0.0.1:$PORT/" /usr/bin/mcd_main -e -i 12
+  [ "$(chroot "$ROOT" stat -c %U /mnt/storage/12)" = mcd-main ] || fail "meter tree not made by mcd-main"
+  ok "mcd_main -i 12 as mcd-main: set up, meter tree made, status 0 within 10 s of SIGTERM"
+  chroot "$ROOT" dpkg -i /tmp/package.deb >/dev/null || fail "dpkg -i over the installed package"
+  [ -f "$ROOT/etc/mcd_main/line1.conf" ] && chroot "$ROOT" id mcd-main >/dev/null || fail "upgrade lost the set-up"
+  ok "upgrade keeps the user and the line configuration"
+  chroot "$ROOT" dpkg --purge mcd-main >/dev/null || fail "dpkg --purge"
+  [ ! -e "$ROOT/usr/bin/mcd_main" ] || fail "binary left after purge"
+  [ ! -e "$ROOT/etc/default/mcd_main" ] || fail "/etc/default/mcd_main left after purge"
+  [ -d "$ROOT/mnt/storage/12" ] || fail "purge took /mnt/storage"
+  ok "dpkg --purge removes the program and its defaults, keeps /mnt/storage"
 elif [ "$ARCH" = armhf ]; then
   SYSROOT=$TOP/build/sysroot-armhf
   [ -f "$SYSROOT/.mcd-sysroot-packages" ] || scripts/cross-armhf.sh --sysroot-only

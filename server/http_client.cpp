@@ -6,15 +6,32 @@
 #include <memory>
 #include <mutex>
 
+#include "app/clock.h"
+
 namespace mcd {
 namespace {
 
 std::once_flag g_curlInit;
 
+struct Sink {
+  std::string* text;
+  bool* tooLarge;
+};
+
+// Returning less than was handed over makes libcurl end the transfer with an error.
 size_t Collect(char* data, size_t size, size_t count, void* user) {
-  static_cast<std::string*>(user)->append(data, size * count);
-  return size * count;
+  auto* sink = static_cast<Sink*>(user);
+  const size_t n = size * count;
+  if (sink->text->size() + n > HttpClient::kMaxReplyBytes) {
+    *sink->tooLarge = true;
+    return 0;
+  }
+  sink->text->append(data, n);
+  return n;
 }
+
+// Non-zero ends the transfer: a stop request does not wait for the time-outs.
+int Progress(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) { return mcd::StopRequested() ? 1 : 0; }
 
 struct EasyDeleter {
   void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
@@ -31,7 +48,9 @@ HttpClient::HttpClient(const std::string& url) : m_url(url) {
 
 int HttpClient::Send(const std::string& request) {
   m_received = false;
+  m_tooLarge = false;
   m_response.clear();
+  Sink sink{&m_response, &m_tooLarge};
 
   std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
   if (!curl) return -1;
@@ -53,7 +72,11 @@ int HttpClient::Send(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
   curl_easy_setopt(h, CURLOPT_TIMEOUT, kTransferTimeoutSeconds);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &Collect);
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, &m_response);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
+  // An announced length over the limit is refused before any byte is read.
+  curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxReplyBytes));
+  curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &Progress);
+  curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
 
   // libcurl is not safe to unwind by thread cancellation; the exchange is bounded by the
   // time-outs above, and a pending cancellation takes effect at the caller's next wait.
@@ -61,6 +84,7 @@ int HttpClient::Send(const std::string& request) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
   CURLcode rc = curl_easy_perform(h);
   pthread_setcancelstate(oldState, nullptr);
+  if (rc == CURLE_FILESIZE_EXCEEDED) m_tooLarge = true;
   if (rc != CURLE_OK) {
     m_response.clear();
     return static_cast<int>(rc);

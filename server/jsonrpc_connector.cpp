@@ -2,11 +2,15 @@
 // configuration requests.
 #include "server/jsonrpc_connector.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdio>
 #include <set>
 
 #include "app/clock.h"
+#include "app/service_notify.h"
 #include "drivers/base/driver_families.h"
 #include "log/logger.h"
 #include "server/file_util.h"
@@ -17,6 +21,40 @@
 namespace {
 
 const unsigned kRetryWaitSeconds = 5;
+// While the server answers but knows nothing of this meter, it is asked again this often:
+// a meter commissioned on the server later is picked up without a restart.
+const unsigned kUnknownMeterWaitSeconds = 60;
+// Bytes of an answer printed on standard output and in the log; the rest is counted only.
+const size_t kPrintedReplyBytes = 1024;
+
+std::string Prefix(const std::string& text) {
+  if (text.size() <= kPrintedReplyBytes) return text;
+  return text.substr(0, kPrintedReplyBytes) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
+// Why a get_config answer holds no usable configuration of the meter, with the wait
+// before the next attempt; an empty reason when it holds one.
+std::string ConfigReplyFault(const Json::Value& reply, const std::string& meterId, unsigned& wait) {
+  wait = kRetryWaitSeconds;
+  if (!reply.isObject()) return "the answer is no JSON-RPC object";
+  if (reply.isMember("error")) {
+    const Json::Value& error = reply["error"];
+    std::string text = "error";
+    if (error.isObject()) {
+      if (error.isMember("code") && error["code"].isConvertibleTo(Json::stringValue))
+        text += " " + error["code"].asString();
+      if (error.isMember("message") && error["message"].isString()) text += " " + error["message"].asString();
+    }
+    return text;
+  }
+  if (!reply.isMember("result")) return "no \"result\" in the answer";
+  const Json::Value& result = reply["result"];
+  if (!result.isObject() || result.empty()) {
+    wait = kUnknownMeterWaitSeconds;
+    return "no entry for heat meter " + meterId;
+  }
+  return "";
+}
 
 // Standard output lines are written with one call each so that lines of two threads
 // never mix.
@@ -77,24 +115,37 @@ bool CJSONRPCConnector::SendParameters(const std::string& request, Json::Value& 
   for (;;) {
     std::string response;
     {
+      // A stop or reload ends the retries; the caller gets no reply.
+      if (mcd::InterruptRequested()) return false;
+      // Main's set-up waiting for the server is progress as far as the service watchdog
+      // is concerned: a restart would not bring the server back.
+      if (getpid() == static_cast<pid_t>(syscall(SYS_gettid))) mcd::service::Watchdog();
       mcd::HttpClient client(mcd::paths::ServerUrl());
       int rc = client.Send(request);
+      if (rc != 0 && client.TooLarge()) {
+        LOG_ERR("CJSONRPCConnector::SendParameters - %s answered over %zu bytes, refused! retry!!! wait 5 sec",
+                mcd::paths::ServerUrl().c_str(), mcd::HttpClient::kMaxReplyBytes);
+        mcd::Sleep(kRetryWaitSeconds);
+        continue;
+      }
       if (rc != 0) {
-        LOG_ERR("CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error code - %d",
-                rc);
+        LOG_ERR("CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error code - %d (%s)",
+                rc, mcd::paths::ServerUrl().c_str());
         mcd::Sleep(kRetryWaitSeconds);
         continue;
       }
       if (client.Recv(response) == -1) {
-        LOG_ERR("CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec");
+        LOG_ERR("CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec (%s)",
+                mcd::paths::ServerUrl().c_str());
         mcd::Sleep(kRetryWaitSeconds);
         continue;
       }
     }
-    PrintLine("result JSONRPC" + response);
+    PrintLine("result JSONRPC" + Prefix(response));
     if (!mcd::ParseJson(response, reply)) {
-      LOG_ERR("CJSONRPCConnector::SendParameters - Error while parsing data! retry!!! wait 5 sec");
-      LOG_ERR("Response String - %s", response.c_str());
+      LOG_ERR("CJSONRPCConnector::SendParameters - Error while parsing data! retry!!! wait 5 sec (%s)",
+              mcd::paths::ServerUrl().c_str());
+      LOG_ERR("Response String - %s", Prefix(response).c_str());
       mcd::Sleep(kRetryWaitSeconds);
       continue;
     }
@@ -114,15 +165,23 @@ void CJSONRPCConnector::JsonObjectToMap(ParamMap& out, const Json::Value& object
 }
 
 std::list<PortConfig> CJSONRPCConnector::GetInitParameters1() {
-  std::list<PortConfig> ports;
   Json::Value params(Json::objectValue);
   params["heat_meter"] = meterId;
-  Json::Value reply;
-  if (!ExecJSONRPCFunc("get_config", params, reply)) {
-    LOG_ERR("CJSONRPCConnector::GetInitParameters1 - Error while receiving data!");
-    return ports;
+  for (;;) {
+    Json::Value reply;
+    if (!ExecJSONRPCFunc("get_config", params, reply)) {
+      if (!mcd::InterruptRequested()) LOG_ERR("CJSONRPCConnector::GetInitParameters1 - Error while receiving data!");
+      return {};
+    }
+    unsigned wait = 0;
+    const std::string fault = ConfigReplyFault(reply, meterId, wait);
+    if (fault.empty()) return ParseConfigReply1(reply);
+    // An answer without this meter's configuration is a failed attempt like no answer.
+    LOG_ERR("CJSONRPCConnector::GetInitParameters1 - retry in %u sec: %s: %s", wait, mcd::paths::ServerUrl().c_str(),
+            fault.c_str());
+    mcd::Sleep(wait);
+    if (mcd::InterruptRequested()) return {};
   }
-  return ParseConfigReply1(reply);
 }
 
 std::list<PortConfig> CJSONRPCConnector::ParseConfigReply1(const Json::Value& reply) {

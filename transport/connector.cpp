@@ -9,10 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "app/clock.h"
 #include "log/logger.h"
 #include "server/paths.h"
 #include "transport/led.h"
 #include "transport/modbus_connector.h"
+#include "transport/serial_lock.h"
 
 namespace {
 
@@ -127,15 +129,36 @@ CConnector* CConnector::CreateConnector(const std::map<std::string, std::string>
 
 bool CConnector::open_device() {
   // Re-opening an open port replaces its descriptor rather than leaking it.
-  if (fd > 0) {
-    ::close(fd);
-    fd = -1;
-  }
-  fd = ::open(name.c_str(), O_RDWR | O_NOCTTY);
-  if (fd <= 0) {
-    LOG_CRIT("CConnector::open_device - Unable open device %s.", name.c_str());
+  close_device();
+  bool busy = false;
+  std::string holder;
+  fd = mcd::OpenSerialExclusive(name, busy, holder);
+  if (busy) {
+    // Taken by another process while it was away: tried again like an absent device.
+    if (!lineBusy) {
+      busyMessage = "Device " + name + " is in use by " + holder + "; one process serves every meter of a line.";
+      LOG_CRIT("CConnector::open_device - %s", busyMessage.c_str());
+    }
+    lineBusy = true;
+    absent = true;
+    nextOpen = mcd::Monotonic() + kReopenSeconds;
     return false;
   }
+  if (fd <= 0) {
+    const int error = errno;
+    // One line per change: the first failure is logged, the retries are not.
+    if (!absent) {
+      LOG_CRIT("CConnector::open_device - Unable open device %s.", name.c_str());
+      LOG_ERR("CConnector::open_device - %s: %s; opening again every %ld sec.", name.c_str(), strerror(error),
+              kReopenSeconds);
+    }
+    absent = true;
+    nextOpen = mcd::Monotonic() + kReopenSeconds;
+    return false;
+  }
+  if (absent) LOG_NOTICE("CConnector::open_device - device %s is open again.", name.c_str());
+  absent = false;
+  lineBusy = false;
 
   speed_t speed = B9600;
   if (const std::string* value = Find(params, "speed")) {
@@ -186,17 +209,45 @@ bool CConnector::open_device() {
 
 void CConnector::close_device() {
   if (fd > 0) {
+    mcd::UnlockSerialLine(fd);
     ::close(fd);
     fd = -1;
   }
 }
 
+bool CConnector::EnsureOpen() {
+  // A port closed on purpose (close_device) stays closed and fails as such.
+  if (fd > 0 || !absent) return true;
+  if (mcd::Monotonic() < nextOpen) return false;
+  return open_device();
+}
+
+namespace {
+
+// Errors by which a serial device tells that it is gone (unplugged adapter, closed
+// pseudo-terminal).
+bool DeviceGone(int error) { return error == EIO || error == ENXIO || error == ENODEV; }
+
+}  // namespace
+
+void CConnector::Lost(const char* what, int error) {
+  LOG_ERR("CConnector - device %s lost (%s%s%s); opening again every %ld sec.", name.c_str(), what, error ? ": " : "",
+          error ? strerror(error) : "", kReopenSeconds);
+  close_device();
+  absent = true;
+  nextOpen = mcd::Monotonic() + kReopenSeconds;
+}
+
 int CConnector::WriteBuffer(const unsigned char* buf, unsigned short len, bool led) {
+  if (!EnsureOpen()) return -1;
   if (led) ledA->SwichLED(true);
-  return static_cast<int>(::write(fd, buf, len));
+  int rc = static_cast<int>(::write(fd, buf, len));
+  if (rc < 0 && DeviceGone(errno)) Lost("write", errno);
+  return rc;
 }
 
 int CConnector::ReadBuffer(unsigned char* buf, unsigned short len, bool led) {
+  if (!EnsureOpen()) return -1;
   int rc = WaitReadable(fd, timeout);
   if (rc <= 0) {
     int error = errno;
@@ -204,7 +255,14 @@ int CConnector::ReadBuffer(unsigned char* buf, unsigned short len, bool led) {
     return -1;
   }
   if (led) ledB->SwichLED(true);
-  return static_cast<int>(::read(fd, buf, len));
+  int n = static_cast<int>(::read(fd, buf, len));
+  // Readable with nothing to read is the end of the device.
+  if (n == 0 && len > 0) {
+    Lost("end of file", 0);
+    return -1;
+  }
+  if (n < 0 && DeviceGone(errno)) Lost("read", errno);
+  return n;
 }
 
 int CConnector::ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int timeout_ms) {
@@ -212,6 +270,7 @@ int CConnector::ReadBufferCycle(unsigned char* buf, unsigned short len, bool led
   unsigned char* p = buf;
   unsigned short remaining = len;
   const uint32_t wait = timeout_ms != 0 ? timeout_ms : timeout;
+  if (!EnsureOpen()) return -1;
   for (;;) {
     if (WaitReadable(fd, wait) <= 0) {
       LOG_ERR("CConnector::ReadBufferCycle - Timeout receiving data.");
@@ -219,7 +278,14 @@ int CConnector::ReadBufferCycle(unsigned char* buf, unsigned short len, bool led
     }
     if (led) ledB->SwichLED(true);
     int n = static_cast<int>(::read(fd, p, remaining));
-    if (n < 0) return n;
+    if (n == 0 && remaining > 0) {
+      Lost("end of file", 0);
+      return total != 0 ? total : -1;
+    }
+    if (n < 0) {
+      if (DeviceGone(errno)) Lost("read", errno);
+      return n;
+    }
     total += n;
     if (n == remaining) return total;
     p += n;

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <string>
 
@@ -29,6 +30,13 @@ class CConnector {
   virtual int flush();
   virtual int drain();
 
+  // Another process held the line at the last open: this process must not go on.
+  bool LineBusy() const { return lineBusy; }
+  // Names the device and the holder, for the operator.
+  const std::string& BusyMessage() const { return busyMessage; }
+  // Seconds between attempts to open a device that is absent or went away.
+  static constexpr long kReopenSeconds = 10;
+
   int GetFd() const { return fd; }
   const std::string& GetName() const { return name; }
   uint32_t GetTimeout() const { return timeout; }
@@ -45,4 +53,15 @@ class CConnector {
   CLed* ledB;  // flashes on reads
   std::map<std::string, std::string> params;
   uint32_t timeout;  // milliseconds
+
+ private:
+  // Opens again a device that failed to open or went away, at most every kReopenSeconds.
+  bool EnsureOpen();
+  // The device went away (end of file, EIO): closes it and schedules reopening.
+  void Lost(const char* what, int error);
+
+  bool lineBusy = false;
+  std::string busyMessage;
+  bool absent = false;     // the device failed to open or went away; reopened by I/O calls
+  time_t nextOpen = 0;     // monotonic seconds of the next reopening attempt
 };

@@ -176,17 +176,6 @@ TEST_F(LoggerTest, EachLevelWritesOnlyAtOrAboveItsThresholdWithItsName) {
   }
 }
 
-TEST_F(LoggerTest, DefaultLevelSixSuppressesDebugAndDump) {
-  logger log(path.c_str(), false);
-  EXPECT_EQ(6, log.level());
-  log.Debug("hidden");
-  const unsigned char bytes[] = {1, 2};
-  log.dump("hidden dump", bytes, sizeof bytes);
-  EXPECT_FALSE(FileExists(path));
-  log.Info("shown");
-  EXPECT_EQ(1u, FileLines(ReadFile(path)).size());
-}
-
 TEST_F(LoggerTest, SizeLimitDeletesTheFileAfterTheLineThatPassesIt) {
   logger log(path.c_str(), false);
   log.setMaxSize(1000);
@@ -202,13 +191,6 @@ TEST_F(LoggerTest, SizeLimitDeletesTheFileAfterTheLineThatPassesIt) {
   EXPECT_EQ(75u, ReadFile(path).size());
 }
 
-TEST_F(LoggerTest, ZeroMaxSizeMeansNoLimit) {
-  logger log(path.c_str(), false);
-  log.setMaxSize(0);
-  for (int i = 0; i < 20; ++i) log.Info("%s", std::string(100, 'y').c_str());
-  EXPECT_EQ(20u, FileLines(ReadFile(path)).size());
-}
-
 TEST_F(LoggerTest, StderrTakesPrecedenceOverTheFile) {
   logger log(path.c_str(), false);
   log.setStderr(true);
@@ -220,18 +202,6 @@ TEST_F(LoggerTest, StderrTakesPrecedenceOverTheFile) {
   ASSERT_TRUE(p.ok) << text;
   EXPECT_EQ("Notice", p.name);
   EXPECT_EQ("to stderr\n", p.rest);  // no zero byte on standard error
-}
-
-TEST_F(LoggerTest, StderrAlsoTakesPrecedenceOverSyslog) {
-  logger log("mcd_main_test", true);
-  log.setStderr(true);
-  FdCapture err(2);
-  log.Crit("via stderr");
-  std::string text = err.Text();
-  Prefix p = ParsePrefix(text);
-  ASSERT_TRUE(p.ok) << text;
-  EXPECT_EQ("Crit", p.name);
-  EXPECT_EQ("via stderr\n", p.rest);
 }
 
 TEST_F(LoggerTest, DumpWritesTitleAndHexBytesWithoutPrefixOrZeroByte) {
@@ -246,17 +216,6 @@ TEST_F(LoggerTest, DumpWritesTitleAndHexBytesWithoutPrefixOrZeroByte) {
   log.setMaxSize(10);
   log.dump("after limit", bytes, 1);
   EXPECT_TRUE(FileExists(path));
-}
-
-TEST_F(LoggerTest, DumpGoesToStderrWhenFlagged) {
-  logger log(path.c_str(), false);
-  log.setLevel(7);
-  log.setStderr(true);
-  const unsigned char bytes[] = {0x10, 0x01};
-  FdCapture err(2);
-  log.dump("T", bytes, sizeof bytes);
-  EXPECT_EQ("T\n0x10 0x01 \n", err.Text());
-  EXPECT_FALSE(FileExists(path));
 }
 
 TEST_F(LoggerTest, UnopenableFileIsReportedAndTheLineDropped) {
@@ -282,40 +241,6 @@ TEST_F(LoggerTest, WriteFailureIsReportedOnStderr) {
       "[logger::saveToFile()] Can't write to file: No space left on device\n"
       "[logger::dump()] Can't write to file: No space left on device\n",
       err.Text());
-}
-
-TEST_F(LoggerTest, NullNameBecomesUnnamed) {
-  char cwd[4096];
-  ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
-  ASSERT_EQ(0, chdir(root.tmp().c_str()));
-  {
-    logger log(nullptr, false);
-    log.Info("anonymous");
-  }
-  std::string written = ReadFile(root.tmp("Unnamed"));
-  ASSERT_EQ(0, chdir(cwd));
-  ASSERT_EQ(1u, FileLines(written).size());
-  EXPECT_NE(std::string::npos, written.find("Info: anonymous"));
-}
-
-TEST_F(LoggerTest, GlobalInstanceIsCreatedOnceAndClearedByItsDestructor) {
-  ASSERT_EQ(nullptr, logger::get());
-  LOG_INFO("no logger yet: %d", 1);  // skipped without a crash
-  logger* first = logger::getInstance(path.c_str(), false);
-  ASSERT_NE(nullptr, first);
-  EXPECT_EQ(first, logger::get());
-  logger* second = logger::getInstance(root.tmp("other.log").c_str(), false);
-  EXPECT_EQ(first, second);
-  LOG_ERR("through the macro %s", "works");
-  EXPECT_NE(std::string::npos, ReadFile(path).find("Err: through the macro works"));
-  EXPECT_FALSE(FileExists(root.tmp("other.log")));
-
-  // another instance's destructor leaves the global alone
-  { logger local(root.tmp("local.log").c_str(), false); }
-  EXPECT_EQ(first, logger::get());
-
-  delete first;
-  EXPECT_EQ(nullptr, logger::get());
 }
 
 TEST_F(LoggerTest, ConcurrentLinesStayWhole) {

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "app/clock.h"
 #include "support/test_support.h"
 #include "transport/led.h"
 #include "transport/modbus_connector.h"
@@ -157,13 +158,6 @@ TEST_F(ConnectorTest, ParityAndStopBits) {
   }
 }
 
-TEST_F(ConnectorTest, ConfiguredTimeoutIsOverriddenByTheFixedOne) {
-  auto c = Open({{"timeout", "5000"}});
-  EXPECT_EQ(1500u, c->GetTimeout());
-  EXPECT_EQ(15, Settings(*c).c_cc[VTIME]);
-  EXPECT_EQ("5000", c->GetParams().at("timeout"));
-}
-
 TEST_F(ConnectorTest, FactoryChoosesTheVariantByExactProtocolName) {
   auto plain = Open({{"protocol", "Modbus"}});
   EXPECT_EQ(nullptr, dynamic_cast<CModbusConnector*>(plain.get()));
@@ -177,18 +171,85 @@ TEST_F(ConnectorTest, FactoryChoosesTheVariantByExactProtocolName) {
   EXPECT_EQ(0, log.Count("\"Modbus\" mode"));
 }
 
-TEST_F(ConnectorTest, MissingDeviceStillYieldsAConnector) {
-  auto c = std::unique_ptr<CConnector>(CConnector::CreateConnector({{"name", root.tmp("no/such/tty")}}));
+// The monotonic clock of the reopening schedule, moved by the test.
+class SteppedClock : public mcd::Clock {
+ public:
+  time_t Now() override { return now; }
+  void Sleep(unsigned seconds) override { now += seconds; }
+  time_t now = 1700000000;
+};
+
+TEST_F(ConnectorTest, AbsentDeviceIsOpenedOnceItAppears) {
+  SteppedClock clock;
+  mcd::SetClock(&clock);
+  const std::string path = root.tmp("ttyLate");
+  auto c = std::unique_ptr<CConnector>(CConnector::CreateConnector({{"name", path}}));
   ASSERT_NE(nullptr, c);
   EXPECT_LT(c->GetFd(), 0);
-  EXPECT_EQ(1, log.Count("CConnector::open_device - Unable open device " + root.tmp("no/such/tty") + "."));
-  const unsigned char b[1] = {0};
+  EXPECT_FALSE(c->LineBusy());
+  const unsigned char b[1] = {0x5A};
   unsigned char r[1];
   EXPECT_EQ(-1, c->WriteBuffer(b, 1, true));
-  EXPECT_EQ(-1, c->ReadBuffer(r, 1, true));
   EXPECT_EQ(-1, c->ReadBufferCycle(r, 1, true, 50));
   EXPECT_EQ(-1, c->flush());
-  EXPECT_EQ(-1, c->drain());
+
+  // the adapter enumerates; the next attempt is due 10 s after the last one
+  ASSERT_EQ(0, symlink(pty.slaveName().c_str(), path.c_str()));
+  clock.now += 9;
+  EXPECT_EQ(-1, c->WriteBuffer(b, 1, false));
+  clock.now += 1;
+  EXPECT_EQ(1, c->WriteBuffer(b, 1, false));
+  EXPECT_EQ(std::vector<unsigned char>{0x5A}, pty.Read(1, milliseconds(1000)));
+  // one line per change of state, however many attempts failed
+  EXPECT_EQ(1, log.Count("CConnector::open_device - Unable open device " + path + "."));
+  EXPECT_EQ(1, log.Count(path + ": No such file or directory; opening again every 10 sec."));
+  EXPECT_EQ(1, log.Count("CConnector::open_device - device " + path + " is open again."));
+  c.reset();
+  mcd::SetClock(nullptr);
+}
+
+TEST_F(ConnectorTest, VanishedDeviceIsReopened) {
+  SteppedClock clock;
+  mcd::SetClock(&clock);
+  auto first = std::make_unique<mcdtest::PtyPair>();
+  const std::string path = root.tmp("ttyUSB");
+  ASSERT_EQ(0, symlink(first->slaveName().c_str(), path.c_str()));
+  auto c = Open({{"name", path}});
+  ASSERT_GT(c->GetFd(), 0);
+
+  first.reset();  // unplugged: the line hangs up
+  unsigned char r[1];
+  EXPECT_EQ(-1, c->ReadBuffer(r, 1, false));
+  EXPECT_LT(c->GetFd(), 0);
+  EXPECT_EQ(-1, c->ReadBuffer(r, 1, false));
+  EXPECT_EQ(1, log.Count("CConnector - device " + path + " lost (")) << log.Text();
+
+  ASSERT_EQ(0, unlink(path.c_str()));
+  ASSERT_EQ(0, symlink(pty.slaveName().c_str(), path.c_str()));
+  clock.now += 10;
+  const unsigned char b[1] = {0x44};
+  EXPECT_EQ(1, c->WriteBuffer(b, 1, false));
+  EXPECT_EQ(std::vector<unsigned char>{0x44}, pty.Read(1, milliseconds(1000)));
+  pty.Write({0x33});
+  EXPECT_EQ(1, c->ReadBufferCycle(r, 1, false, 1000));
+  EXPECT_EQ(0x33, r[0]);
+  EXPECT_EQ(1, log.Count("CConnector::open_device - device " + path + " is open again."));
+  c.reset();
+  mcd::SetClock(nullptr);
+}
+
+TEST_F(ConnectorTest, SecondConnectorOnTheLineIsRefused) {
+  auto c = Open({});
+  ASSERT_GT(c->GetFd(), 0);
+  auto second = Open({});
+  EXPECT_TRUE(second->LineBusy());
+  EXPECT_LT(second->GetFd(), 0);
+  EXPECT_EQ("Device " + pty.slaveName() + " is in use by an unknown process; one process serves every meter of a line.",
+            second->BusyMessage());
+  second.reset();
+  // the holder keeps the line
+  const unsigned char b[1] = {0x11};
+  EXPECT_EQ(1, c->WriteBuffer(b, 1, false));
 }
 
 TEST_F(ConnectorTest, WriteAndReadMoveBytesBothWays) {
