@@ -36,7 +36,7 @@ esac
 
 # Packages whose armhf builds (and dependencies) make up the sysroot.
 SYSROOT_PACKAGES="libc6-dev libstdc++-12-dev libjsoncpp-dev libcurl4-openssl-dev \
-  libmodbus-dev libgtest-dev libgmock-dev"
+  libmodbus-dev libsystemd-dev libgtest-dev libgmock-dev"
 HOST_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user cmake make \
   pkg-config python3 dpkg-dev file"
 

@@ -88,7 +88,13 @@ int WaitReadable(int fd, uint32_t timeout_ms) {
 }  // namespace
 
 CConnector::CConnector() : fd(-1), ledA(nullptr), ledB(nullptr), timeout(kFixedTimeoutMs) {
-  pthread_mutex_init(&mutex, nullptr);
+  // Recursive: a Modbus transaction that finds its line absent opens it again while
+  // holding the line's mutex, and opening takes the mutex to install the new context.
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
   ledA = new CLed(mcd::paths::Led("kr_red"), kLedFlashMicros);
   ledB = new CLed(mcd::paths::Led("lan"), kLedFlashMicros);
 }
@@ -127,6 +133,22 @@ CConnector* CConnector::CreateConnector(const std::map<std::string, std::string>
   return connector;
 }
 
+void CConnector::MarkLineBusy(const std::string& holder) {
+  if (!lineBusy) {
+    busyMessage = "Device " + name + " is in use by " + holder + "; one process serves every meter of a line.";
+    LOG_CRIT("CConnector::open_device - %s", busyMessage.c_str());
+  }
+  lineBusy = true;
+  absent = true;
+  nextOpen = mcd::Monotonic() + kReopenSeconds;
+}
+
+bool CConnector::ReopenDue() {
+  if (mcd::Monotonic() < nextOpen) return false;
+  nextOpen = mcd::Monotonic() + kReopenSeconds;
+  return true;
+}
+
 bool CConnector::open_device() {
   // Re-opening an open port replaces its descriptor rather than leaking it.
   close_device();
@@ -135,13 +157,7 @@ bool CConnector::open_device() {
   fd = mcd::OpenSerialExclusive(name, busy, holder);
   if (busy) {
     // Taken by another process while it was away: tried again like an absent device.
-    if (!lineBusy) {
-      busyMessage = "Device " + name + " is in use by " + holder + "; one process serves every meter of a line.";
-      LOG_CRIT("CConnector::open_device - %s", busyMessage.c_str());
-    }
-    lineBusy = true;
-    absent = true;
-    nextOpen = mcd::Monotonic() + kReopenSeconds;
+    MarkLineBusy(holder);
     return false;
   }
   if (fd <= 0) {

@@ -46,6 +46,13 @@ class CConnector {
   CLed* GetLedB() const { return ledB; }
 
  protected:
+  // Records that another process holds the line (for LineBusy and BusyMessage); logs
+  // it once.
+  void MarkLineBusy(const std::string& holder);
+  // Whether an absent line may be tried again now (every kReopenSeconds); arms the next
+  // attempt when it says yes.
+  bool ReopenDue();
+
   int fd;
   std::string name;
   pthread_mutex_t mutex;

@@ -1,5 +1,7 @@
 #include "transport/modbus_connector.h"
 
+#include "transport/serial_lock.h"
+
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -86,6 +88,13 @@ bool CModbusConnector::open_device() {
     modbus_free(created);
     return false;
   }
+  std::string holder;
+  if (mcd::LockSerialLine(modbus_get_socket(created), device, holder) == mcd::LineLock::kBusy) {
+    MarkLineBusy(holder);
+    modbus_close(created);
+    modbus_free(created);
+    return false;
+  }
   {
     ModbusLock lock(*this);
     ctx = created;
@@ -109,6 +118,12 @@ bool Readable(int fd, uint32_t sec, uint32_t usec) {
 }
 
 }  // namespace
+
+bool CModbusConnector::ReopenAbsent() {
+  if (ctx) return true;
+  if (!ReopenDue()) return false;
+  return open_device();
+}
 
 int CModbusConnector::RawExchange(const uint8_t* request, int length, uint8_t* answer, int capacity,
                                   const FrameLength& frameLength) {
@@ -141,6 +156,9 @@ int CModbusConnector::RawExchange(const uint8_t* request, int length, uint8_t* a
 modbus_t* CModbusMeterLink::Context() {
   m_exception = 0;
   modbus_t* ctx = m_connector ? m_connector->GetContext() : nullptr;
+  // A line that was absent (adapter not yet enumerated, unplugged) is opened again,
+  // at most every few seconds.
+  if (!ctx && m_connector && m_connector->ReopenAbsent()) ctx = m_connector->GetContext();
   if (!ctx) {
     LOG_ERR("CModbusMeterLink - no open Modbus line for slave %d", m_slave);
     throw CDisconnectException();

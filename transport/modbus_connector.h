@@ -25,6 +25,9 @@ class CModbusConnector : public CConnector {
   // The libmodbus context, null until open_device succeeded. Use it only under
   // the connector's mutex.
   modbus_t* GetContext() const { return ctx; }
+  // Opens the line again when it has no context and the last attempt is long enough
+  // ago; whether a context is there now.
+  bool ReopenAbsent();
 
   // Length of the answer frame (CRC included) once the bytes so far tell it; 0 while
   // more bytes are needed; -1 when they cannot start an answer.

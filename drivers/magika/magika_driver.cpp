@@ -151,8 +151,6 @@ ParamValueList CmcdMAGIKAAXXX::get_all_system_values() {
 
 ParamValueList CmcdMAGIKAAXXX::get_all_curtime_cur_integ_values() {
   ParamValueList out;
-  // Until the meter is known, each reading tries to get to know it again.
-  if (m_link && !IsReady()) init();
   if (!m_link || !m_ready) return out;
   const time_t now = mcd::Now();
   try {
