@@ -127,6 +127,8 @@ class Line:
         self.daemon_starts = 0
         self.events = []
         self.started = time.monotonic()
+        self.faults = 0
+        self.faults_in_backfill = 0
 
     def note(self, text):
         self.events.append("%.1fs %s" % (time.monotonic() - self.started, text))
@@ -220,12 +222,17 @@ class Line:
     def play_faults(self, until, base_offset, mask_change):
         """A random sequence of faults on this line until the monotonic time `until`."""
         rng = self.rng
+        reach = self.reach(int(time.time()) + base_offset)
         actions = ["link", "link", "kill", "storage", "clock", "rest"]
         if mask_change:
             actions.append("link")
         while time.monotonic() < until:
             action = rng.choice(actions)
             hold = rng.uniform(0.5, 3.0)
+            if action != "rest":
+                self.faults += 1
+                if not self.caught_up(reach):
+                    self.faults_in_backfill += 1
             if action == "link":
                 fault = rng.choice(LINK_FAULTS)
                 self.note("fault %s for %.1fs" % (fault, hold))
@@ -328,7 +335,10 @@ def run_seed(seed, args):
                                 % (line.name, line.root))
         if problems:
             return headline, problems, False
+        held_at_start = {}
         for line in lines:
+            with open(line.held, encoding="utf-8") as f:
+                held_at_start[line.name] = f.read()
             line.start_daemon()
 
         # faults while the backfill runs, each line on its own
@@ -358,6 +368,9 @@ def run_seed(seed, args):
                 problems.append("%s: the daemon ended with status %s on SIGTERM" % (line.name, status))
         for line in lines:
             line.stop_sim()
+            with open(line.held, encoding="utf-8") as f:
+                if f.read() != held_at_start[line.name]:
+                    line.note("the simulator's held records changed during the run")
 
         totals = [0, 0, 0]
         for line in lines:
@@ -381,6 +394,8 @@ def run_seed(seed, args):
                     line.name, line.daemon_starts, "; ".join(e.split(" ", 1)[1] for e in line.events),
                     "\n  ".join(report)))
         headline += ": lost %d duplicated %d wrong %d" % tuple(totals)
+        headline += "; faults begun in the backfill: %s" % ", ".join(
+            "%s %d of %d" % (line.name, line.faults_in_backfill, line.faults) for line in lines)
         return headline, problems, not problems
     finally:
         for line in lines:
@@ -401,7 +416,7 @@ def main():
     parser.add_argument("--work", required=True, help="folder for the runs' files (seed-N below it)")
     parser.add_argument("--scale", type=int, default=1800, help="MCD_TIME_SCALE of the daemons")
     parser.add_argument("--fault-seconds", type=float, default=25, help="how long faults are played")
-    parser.add_argument("--catch-up-seconds", type=int, default=45, help="time allowed to catch up")
+    parser.add_argument("--catch-up-seconds", type=int, default=90, help="time allowed to catch up")
     parser.add_argument("seeds", nargs="+", type=int)
     args = parser.parse_args()
     passed = failed = 0
