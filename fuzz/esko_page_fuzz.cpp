@@ -1,7 +1,6 @@
 // ESKO archive page parsing: the input is a long 'A' answer (261 bytes), laid into a
 // buffer of the link's size; the page is checked against the date it carries and parsed.
 #include <cstring>
-#include <ctime>
 
 #include "drivers/base/exceptions.h"
 #include "drivers/esko/esko_driver.h"
@@ -23,18 +22,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int type = eskoKind ? ARCH_DAILY : ARCH_HOURLY;
 
   // Ask for the date the page claims, so that the parser runs past the date checks.
-  struct tm want = {};
-  want.tm_year = 100 + FromBcd(reply[4]);
-  want.tm_mon = FromBcd(reply[5]) - 1;
-  want.tm_mday = FromBcd(reply[6]);
-  want.tm_hour = eskoKind ? 0 : FromBcd(reply[7]);
-  want.tm_isdst = -1;
-  const time_t when = mktime(&want);
+  mcd::cal::Label want;
+  want.year = 2000 + FromBcd(reply[4]);
+  want.month = FromBcd(reply[5]);
+  want.day = FromBcd(reply[6]);
+  want.hour = eskoKind ? 0 : FromBcd(reply[7]);
+  const time_t when = 1700000000;
 
   Cmcd_MTR06 driver;
   ParamValueList out;
   try {
-    driver.ParseArchPage(reply, length, eskoKind, type, when, 0, 0x7FFFFFFF, out);
+    driver.ParseArchPage(reply, length, eskoKind, type, want, when, out);
   } catch (const std::exception&) {
   }
   try {

@@ -3,27 +3,53 @@
 
 One simulator serves several meters on one line, each at its own network address:
 
-    esko_sim.py --link /tmp/ttyESKO --meter 1:mtr06 --meter 2:tm3e:5:3 --meter 3:mtr06:8:4:badpagecs
+    esko_sim.py --link /tmp/ttyESKO --meter 1:mtr06 --meter 2:tm3e:5:3 --meter 3:mtr06:8:4:badpagecs,overclaim=500
 
 --meter ADDR:MODEL[:HOURS[:DAYS[:FLAGS]]]
     MODEL   mtr06 or tm3e (the TM-3E reports a statistics version 0x4N)
-    HOURS   hourly records kept, the newest closing the last complete hour (default 48)
+    HOURS   hourly records kept, the newest closing the last complete local hour (default 48)
     DAYS    daily records kept, the newest dated today 00:00 (default 7)
-    FLAGS   "badpagecs": archive pages carry a wrong page checksum
+    FLAGS   comma-separated: "badpagecs" (archive pages carry a wrong page checksum),
+            "overclaim=N" (the "record rest" of a find answer claims N records more than
+            the meter holds: a meter whose archive is shorter than it says)
+--held-out PATH
+    JSON file (written by write-and-rename at start and whenever the held archive
+    changes) of every archive record each meter holds and what the daemon must file:
+    {"<address>": {"hourly": {"<record time>": {"<sys+1>/tc_archives/<name>": ["<text>", 192]}},
+                   "daily": {...}}}
+
+Records are keyed by local date and hour in the zone of TZ. A record is dated by the
+local label that ends its interval and its record time is the first instant of the
+label before it: the hourly record dated 10:00 is the interval from 09:00, the daily
+record dated the 6th the day of the 5th. A local hour that the zone repeats is one
+label (one record); a local hour that the zone leaves out is none.
 
 Requests are 14 bytes: 00, address, command letter, 10 parameter bytes, 8-bit sum.
 Answers echo bytes 0..4 with bit 7 set on the command; data follows from byte 5
-('A' pages: from byte 4). A missing record is answered with the error code 3 (bit 7
-clear) in an answer of the length the request expects. Requests to addresses that no
-meter has, and requests with a wrong sum, get no answer.
+('A' pages: from byte 4). A date for which the meter holds no record is answered with
+the error code 3 (bit 7 clear) in an answer of the length the request expects.
+Requests to addresses that no meter has, and requests with a wrong sum, get no answer.
 
-Data are deterministic (see the comments of Meter): tests compute the expected values
-from the same rules. Fault switches and baud pacing come from simlib.
+Besides the line faults of simlib, the control file (--control) takes these keys:
+    "clock": "nonsense"        the clock answers 00.00.2000 00:00:00
+    "clock_offset": SECONDS    the meter clock runs this far from the real one
+    "no_record": [T, ...]      record times (unix) the meters do not hold (gaps): the
+                               find answers them with code 3 and they are not held out
+    "error_code": C, "error_every": N
+                               every N-th archive find request is answered with the
+                               error code C (not "no record"): the record is held, the
+                               walk must stop there and come back for it
+
+Data are deterministic (see the comments of Meter). Fault switches and baud pacing
+come from simlib.
 """
+import calendar
 import datetime
+import json
 import os
 import struct
 import sys
+import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -34,6 +60,14 @@ DAILY_BASE = 0x20
 HOURLY_RING = 0x800 - HOURLY_BASE   # record indexes up to 0x7FF keep the byte address in 16 bits
 DAILY_RING = HOURLY_BASE - DAILY_BASE
 ERR_NO_RECORD = 3
+QUALITY = 192
+STEP = 900  # zone offsets change by whole quarter hours
+
+# Archive file names (hourly, daily) of the page values, by parameter id.
+NAMES = {6: ("A20", "A48"), 7: ("A21", "A49"), 9: ("A17", "A45"), 10: ("A18", "A46"), 14: ("A28", "A56"),
+         17: ("A2", "A30"), 18: ("A3", "A31"), 19: ("A5", "A33"), 20: ("A7", "A35"), 22: ("A11", "A39"),
+         23: ("A13", "A41"), 25: ("A23", "A51"), 26: ("A24", "A52"), 27: ("A25", "A53"), 28: ("A26", "A54"),
+         29: ("A27", "A55")}
 
 
 def bcd(v):
@@ -55,17 +89,79 @@ def fbe(x):
     return struct.pack(">f", x)
 
 
+def f32_text(x):
+    """A float as the meter sends it (32 bits), with 12 decimals."""
+    return "%.12f" % struct.unpack(">f", fbe(x))[0]
+
+
+def fixed_text(n, decimals):
+    """The integer n / 10^decimals with exactly `decimals` decimals."""
+    if decimals == 0:
+        return str(n)
+    sign = "-" if n < 0 else ""
+    n = abs(n)
+    return "%s%d.%0*d" % (sign, n // 10 ** decimals, decimals, n % 10 ** decimals)
+
+
 def checksum(data):
     return sum(data) & 0xFF
 
 
-def hour_start(t):
+def hour_label(t):
     lt = time.localtime(t)
-    return int(time.mktime((lt.tm_year, lt.tm_mon, lt.tm_mday, lt.tm_hour, 0, 0, 0, 0, -1)))
+    return (lt.tm_year, lt.tm_mon, lt.tm_mday, lt.tm_hour)
 
 
-def midnight(d):
-    return int(time.mktime((d.year, d.month, d.day, 0, 0, 0, 0, 0, -1)))
+def day_label(t):
+    lt = time.localtime(t)
+    return (lt.tm_year, lt.tm_mon, lt.tm_mday, 0)
+
+
+def first_instant(t, label_of):
+    """The first instant of t's label: the earliest quarter hour that carries it."""
+    label = label_of(t)
+    t -= t % STEP
+    while label_of(t - STEP) == label:
+        t -= STEP
+    return t
+
+
+def labels_back(now, count, label_of):
+    """The record labels of the newest `count` + 1 records (oldest first), each with its
+    first instant; the newest is the label of `now`."""
+    out = []
+    t = first_instant(now, label_of)
+    while len(out) < count + 1:
+        out.append((label_of(t), t))
+        t = first_instant(t - 1, label_of)
+    out.reverse()
+    return out
+
+
+class Control:
+    """The simulator's own keys of the control file, re-read when it changes."""
+
+    def __init__(self, path):
+        self.path = path
+        self.mtime = None
+        self.data = {}
+
+    def current(self):
+        if not self.path:
+            return self.data
+        try:
+            mtime = os.stat(self.path).st_mtime_ns
+        except OSError:
+            self.data, self.mtime = {}, None
+            return self.data
+        if mtime != self.mtime:
+            try:
+                with open(self.path, encoding="utf-8") as f:
+                    self.data = json.load(f)
+                self.mtime = mtime
+            except (OSError, ValueError):
+                pass
+        return self.data
 
 
 class Meter:
@@ -94,6 +190,13 @@ class Meter:
         self.days = int(parts[3]) if len(parts) > 3 and parts[3] else 7
         flags = parts[4].split(",") if len(parts) > 4 else []
         self.bad_page_cs = "badpagecs" in flags
+        self.overclaim = 0
+        for flag in flags:
+            if flag.startswith("overclaim="):
+                self.overclaim = int(flag.split("=", 1)[1])
+        self.control = {}
+        self.finds = 0
+        self.cache = {}
         self.mem = bytearray(0x300 + 16)
         self.build_memory()
 
@@ -126,59 +229,81 @@ class Meter:
             m[base + 82:base + 86] = bcd_digits(1234500 + s, 4)
 
     # --- archive geometry ---
-    def newest_hour(self, now):
-        return hour_start(now)
-
-    def oldest_hour(self, now):
-        return self.newest_hour(now) - (self.hours - 1) * 3600
-
-    def today(self, now):
-        return datetime.date.fromtimestamp(now)
-
-    def oldest_day(self, now):
-        return self.today(now) - datetime.timedelta(days=self.days - 1)
-
-    @staticmethod
-    def hour_recnum(t):
-        return (t // 3600) % HOURLY_RING
-
-    @staticmethod
-    def day_recnum(d):
-        return d.toordinal() % DAILY_RING
-
-    def hourly_exists(self, t):
-        return self.hours > 0 and self.oldest_hour(self.now) <= t <= self.newest_hour(self.now) and t % 3600 == \
-            self.newest_hour(self.now) % 3600
-
-    def daily_exists(self, d):
-        return self.days > 0 and self.oldest_day(self.now) <= d <= self.today(self.now)
-
-    def hour_by_recnum(self, r):
-        newest = self.newest_hour(self.now)
-        t = newest - ((self.hour_recnum(newest) - r) % HOURLY_RING) * 3600
-        return t if self.hourly_exists(t) else None
-
-    def day_by_recnum(self, r):
-        today = self.today(self.now)
-        d = today - datetime.timedelta(days=(self.day_recnum(today) - r) % DAILY_RING)
-        return d if self.daily_exists(d) else None
+    def records(self, kind):
+        """{label: (record number, record time)} of the records held, and the labels
+        oldest first. Kind 0 hourly, 1 daily."""
+        label_of = hour_label if kind == 0 else day_label
+        count = self.hours if kind == 0 else self.days
+        key = (kind, label_of(self.now), tuple(self.control.get("no_record", [])))
+        if self.cache.get(kind, (None,))[0] != key:
+            held, order = {}, []
+            if count > 0:
+                chain = labels_back(self.now, count, label_of)
+                gaps = set(int(g) for g in self.control.get("no_record", []))
+                for (_, start), (label, _) in zip(chain, chain[1:]):
+                    if start in gaps:
+                        continue
+                    if kind == 0:
+                        num = (calendar.timegm(label + (0, 0)) // 3600) % HOURLY_RING
+                    else:
+                        num = datetime.date(*label[:3]).toordinal() % DAILY_RING
+                    held[label] = (num, start)
+                    order.append(label)
+            self.cache[kind] = (key, held, order)
+        return self.cache[kind][1], self.cache[kind][2]
 
     def record_by_index(self, index):
-        """(kind, record time) of a record index, or None."""
+        """(kind, label) of a record index, or None."""
         if HOURLY_BASE <= index < HOURLY_BASE + HOURLY_RING:
-            t = self.hour_by_recnum(index - HOURLY_BASE)
-            return (0, t) if t is not None else None
-        if DAILY_BASE <= index < HOURLY_BASE:
-            d = self.day_by_recnum(index - DAILY_BASE)
-            return (1, midnight(d)) if d is not None else None
+            kind, num = 0, index - HOURLY_BASE
+        elif DAILY_BASE <= index < HOURLY_BASE:
+            kind, num = 1, index - DAILY_BASE
+        else:
+            return None
+        held, _ = self.records(kind)
+        for label, (n, _) in held.items():
+            if n == num:
+                return kind, label
         return None
 
-    def page(self, kind, t):
-        """The 256 page bytes of the record of the kind (0 hourly, 1 daily) dated t."""
-        lt = time.localtime(t)
-        key, frac, minutes = (lt.tm_hour, 0.5, 60) if kind == 0 else (lt.tm_mday, 0.25, 1440)
+    def held_out(self):
+        """What the daemon must file for every record held, by kind and record time."""
+        out = {}
+        for kind, name in ((0, "hourly"), (1, "daily")):
+            held, _ = self.records(kind)
+            section = {}
+            for label, (_, start) in held.items():
+                files = {}
+                for sys_, pid, text in self.page_values(kind, label):
+                    files["%d/tc_archives/%s" % (sys_ + 1, NAMES[pid][kind])] = [text, QUALITY]
+                section[str(start)] = files
+            out[name] = section
+        return out
+
+    def page_values(self, kind, label):
+        """(system, parameter id, text as filed) of the page of the record dated label."""
+        key, frac, minutes = (label[3], 0.5, 60) if kind == 0 else (label[2], 0.25, 1440)
+        for s in range(3):
+            m1 = 100 * self.addr + 10 * s + key + frac
+            yield s, 22, f32_text(m1)
+            yield s, 23, f32_text(m1 - 1)
+            yield s, 17, f32_text(0.125 * (s + 1))
+            yield s, 19, f32_text(m1 + 0.5)
+            yield s, 20, f32_text(m1 - 0.5)
+            yield s, 6, fixed_text(7000 + 100 * s + key, 2)
+            yield s, 7, fixed_text(4000 + 100 * s, 2)
+            yield s, 9, fixed_text(60 + s, 1)
+            yield s, 10, fixed_text(40, 1)
+            for pid, v in ((25, 0), (26, 0), (18, minutes), (27, 0), (28, minutes), (29, 0)):
+                yield s, pid, str(v)
+            yield s, 14, str(0x11 * s)
+
+    def page(self, kind, label):
+        """The 256 page bytes of the record of the kind (0 hourly, 1 daily) dated label."""
+        year, month, day, hour = label
+        key, frac, minutes = (hour, 0.5, 60) if kind == 0 else (day, 0.25, 1440)
         p = bytearray(256)
-        p[0:5] = bytes([bcd(lt.tm_year - 2000), bcd(lt.tm_mon), bcd(lt.tm_mday), bcd(lt.tm_hour), bcd(lt.tm_min)])
+        p[0:5] = bytes([bcd(year - 2000), bcd(month), bcd(day), bcd(hour), 0])
         pos = 5
         for s in range(3):
             m1 = 100 * self.addr + 10 * s + key + frac
@@ -196,8 +321,9 @@ class Meter:
         return bytes(p)
 
     # --- answers ---
-    def answer(self, req):
+    def answer(self, req, control):
         self.now = int(time.time())
+        self.control = control
         cmd = req[2]
         head = bytes([0, self.addr, cmd | 0x80, req[3], req[4]])
         if cmd == ord("R"):
@@ -208,17 +334,17 @@ class Meter:
         if cmd == ord("G"):
             return head + self.current((req[3] << 8) | req[4])
         if cmd == ord("T"):
-            lt = time.localtime(self.now)
+            if self.control.get("clock") == "nonsense":
+                return head + bytes([0, 0, 0, 0, 0, 0, 0, 0])
+            lt = time.localtime(self.now + int(self.control.get("clock_offset", 0)))
             return head + bytes([bcd(lt.tm_year - 2000), bcd(lt.tm_mon), bcd(lt.tm_mday), bcd(lt.tm_hour),
                                  bcd(lt.tm_min), bcd(lt.tm_sec), 0, 0])
         if cmd == ord("L"):
-            address = (req[3] << 8) | req[4]
-            rec = self.record_by_index(address // 32)
+            rec = self.record_by_index(((req[3] << 8) | req[4]) // 32)
             if rec is None:
                 return self.error(req)
-            lt = time.localtime(rec[1])
-            return head + bytes([bcd(lt.tm_year - 2000), bcd(lt.tm_mon), bcd(lt.tm_mday), bcd(lt.tm_hour),
-                                 bcd(lt.tm_min), 0, 0, 0])
+            year, month, day, hour = rec[1]
+            return head + bytes([bcd(year - 2000), bcd(month), bcd(day), bcd(hour), 0, 0, 0, 0])
         if cmd == ord("A"):
             return self.archive(req)
         if cmd == ord("Q"):
@@ -241,39 +367,32 @@ class Meter:
         }
         return table.get(off, bytes(8))
 
-    def request_date(self, req, kind):
-        try:
-            if kind == 0:
-                return int(time.mktime((2000 + from_bcd(req[5]), from_bcd(req[6]), from_bcd(req[7]),
-                                        from_bcd(req[8]), 0, 0, 0, 0, -1)))
-            return datetime.date(2000 + from_bcd(req[5]), from_bcd(req[6]), from_bcd(req[7]))
-        except (ValueError, OverflowError):
-            return None
+    @staticmethod
+    def request_label(req, kind):
+        return (2000 + from_bcd(req[5]), from_bcd(req[6]), from_bcd(req[7]), from_bcd(req[8]) if kind == 0 else 0)
 
     def archive(self, req):
         sub, kind = req[3], req[4]
-        if sub == 3:  # find by date: record number, count of older records
-            when = self.request_date(req, kind)
-            if kind == 0 and when is not None and self.hourly_exists(when):
-                num, rest = self.hour_recnum(when), (when - self.oldest_hour(self.now)) // 3600
-            elif kind == 1 and when is not None and self.daily_exists(when):
-                num, rest = self.day_recnum(when), (when - self.oldest_day(self.now)).days
-            else:
-                return self.error(req)
-            return bytes([0, self.addr, 0xC1, 3, kind]) + struct.pack(">HH", num, rest) + bytes(4)
         if sub == 1:  # record by index
             rec = self.record_by_index((req[4] << 8) | req[5])
             if rec is None:
                 return self.error(req)
             return bytes([0, self.addr, 0xC1, 1]) + self.page(*rec)
-        if sub == 4:  # page by date
-            when = self.request_date(req, kind)
-            if kind == 0 and when is not None and self.hourly_exists(when):
-                return bytes([0, self.addr, 0xC1, 4]) + self.page(0, when)
-            if kind == 1 and when is not None and self.daily_exists(when):
-                return bytes([0, self.addr, 0xC1, 4]) + self.page(1, midnight(when))
+        if sub not in (3, 4) or kind not in (0, 1):
             return self.error(req)
-        return self.error(req)
+        held, order = self.records(kind)
+        label = self.request_label(req, kind)
+        if label not in held:
+            return self.error(req)
+        if sub == 4:  # page by date
+            return bytes([0, self.addr, 0xC1, 4]) + self.page(kind, label)
+        # find by date: record number, count of older records
+        self.finds += 1
+        every = int(self.control.get("error_every", 0))
+        if every > 0 and self.finds % every == 0:
+            return self.error(req, int(self.control.get("error_code", 5)))
+        rest = order.index(label) + self.overclaim
+        return bytes([0, self.addr, 0xC1, 3, kind]) + struct.pack(">HH", held[label][0], min(rest, 0xFFFF)) + bytes(4)
 
     def error(self, req, code=ERR_NO_RECORD):
         """An error answer as long as the answer the request expects (without the sum)."""
@@ -286,12 +405,46 @@ class EskoProtocol:
     def add_arguments(parser):
         parser.add_argument("--meter", action="append", default=[],
                             help="ADDR:MODEL[:HOURS[:DAYS[:FLAGS]]], repeatable")
+        parser.add_argument("--held-out", default=None,
+                            help="JSON file listing every archive record the meters hold")
 
     def __init__(self, args):
         self.meters = {}
         for spec in args.meter or ["1:mtr06"]:
             m = Meter(spec)
             self.meters[m.addr] = m
+        self.control = Control(args.control)
+        self.held_out_path = args.held_out
+        self.held_out_text = None
+        self.lock = threading.Lock()
+        if self.held_out_path:
+            self.write_held_out()
+            threading.Thread(target=self.keep_held_out, daemon=True).start()
+
+    def write_held_out(self):
+        with self.lock:
+            control = self.control.current()
+            data = {}
+            for addr, meter in sorted(self.meters.items()):
+                meter.now = int(time.time())
+                meter.control = control
+                data[str(addr)] = meter.held_out()
+        text = json.dumps(data, sort_keys=True)
+        if text == self.held_out_text:
+            return
+        tmp = self.held_out_path + ".tmp"
+        with open(tmp, "w", encoding="utf-8") as f:
+            f.write(text)
+        os.replace(tmp, self.held_out_path)
+        self.held_out_text = text
+
+    def keep_held_out(self):
+        while True:
+            time.sleep(1.0)
+            try:
+                self.write_held_out()
+            except OSError:
+                pass
 
     def frame_length(self, buf):
         return 14 if buf[0] == 0 else 0
@@ -302,7 +455,8 @@ class EskoProtocol:
         meter = self.meters.get(request[1])
         if meter is None:
             return None
-        body = meter.answer(request)
+        with self.lock:
+            body = meter.answer(request, self.control.current())
         if len(body) == 1:
             return body
         return body + bytes([checksum(body)])
@@ -312,4 +466,5 @@ class EskoProtocol:
 
 
 if __name__ == "__main__":
+    time.tzset()
     sys.exit(simlib.main_with(EskoProtocol, "ESKO MTR-06 / TM-3E simulator"))

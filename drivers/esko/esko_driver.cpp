@@ -36,42 +36,6 @@ enum { kKindCurrent = 0, kKindIntegral = 1, kKindSystem = 7, kKindSettings = 9 }
 enum { kUnitC = 1, kUnitHour = 2, kUnitMin = 3, kUnitTon = 6, kUnitGcal = 7, kUnitM3 = 10, kUnitM3h = 11,
        kUnitTonH = 12, kUnitAtm = 16, kUnitMm = 23 };
 
-struct tm LocalTm(time_t t) {
-  struct tm out;
-  localtime_r(&t, &out);
-  return out;
-}
-
-// Local midnight of t's day, shifted by `days` days.
-time_t LocalMidnight(time_t t, int days) {
-  struct tm v = LocalTm(t);
-  v.tm_hour = v.tm_min = v.tm_sec = 0;
-  v.tm_mday += days;
-  v.tm_isdst = -1;
-  return mktime(&v);
-}
-
-time_t LocalHourStart(time_t t) {
-  struct tm v = LocalTm(t);
-  v.tm_min = v.tm_sec = 0;
-  v.tm_isdst = -1;
-  return mktime(&v);
-}
-
-// A meter date: BCD year (less 2000), month 1..12, day, hour, minute, second.
-struct tm MeterTm(const unsigned char* p, bool withSeconds) {
-  struct tm v;
-  std::memset(&v, 0, sizeof v);
-  v.tm_year = BCDByte(p[0]) + 100;
-  v.tm_mon = BCDByte(p[1]) - 1;
-  v.tm_mday = BCDByte(p[2]);
-  v.tm_hour = BCDByte(p[3]);
-  v.tm_min = BCDByte(p[4]);
-  v.tm_sec = withSeconds ? BCDByte(p[5]) : 0;
-  v.tm_isdst = -1;
-  return v;
-}
-
 std::vector<EskoRawParam> BuildRawTable() {
   std::vector<EskoRawParam> t;
   for (int s = 0; s < 3; ++s) {
@@ -191,15 +155,6 @@ ReplyView CEskoDriver::ReadG(uint16_t address, const char* funcName) {
   return Send(m_img.G, funcName);
 }
 
-void CEskoDriver::PatchDate(unsigned char* image, int eskoKind, time_t t) const {
-  const struct tm v = LocalTm(t);
-  image[5] = ToBCD(v.tm_year - 100);
-  image[6] = ToBCD(v.tm_mon + 1);
-  image[7] = ToBCD(v.tm_mday);
-  image[8] = eskoKind == 0 ? ToBCD(v.tm_hour) : 0;
-  image[9] = 0;
-}
-
 void CEskoDriver::AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text,
                            const char* dim, int sys, time_t stamp, double shown) {
   const uint8_t error = static_cast<uint8_t>(m_sys[sys % 3].errors & 0xFF);
@@ -235,6 +190,7 @@ void CEskoDriver::init() {
   for (auto& s : m_sys) s = SystemState();
   m_firstHour = m_firstDay = 0;
   m_haveTimes = false;
+  m_oldest[0] = m_oldest[1] = 0;
   m_archType = 3;
   m_model = 96;
   m_serial = 0;
@@ -497,9 +453,9 @@ ParamValueList CEskoDriver::get_all_curtime_cur_integ_values() {
     if (!v.empty() && v.length > 12) {
       LOG_DEBUG("GetCurrentData:current integrators date raw [Y.M.D h:m]:  %02x.%02x.%02x %02x:%02x \r\n", v.data[5],
                 v.data[6], v.data[7], v.data[8], v.data[9]);
-      struct tm d = MeterTm(v.data + 5, false);
-      const time_t t = mktime(&d);
-      if (t > 0 && d.tm_mon >= 0) integStamp = t;
+      struct tm d;
+      const time_t t = DecodeMeterDate(v.data + 5, false, d) ? mktime(&d) : static_cast<time_t>(-1);
+      if (t != static_cast<time_t>(-1)) integStamp = t;
     }
     for (int s = 0; s < 3; ++s) {
       for (const IntegRow& row : kIntegRows) {
@@ -518,166 +474,6 @@ ParamValueList CEskoDriver::get_all_curtime_cur_integ_values() {
 }
 
 // ---------------------------------------------------------------------------------
-
-time_t CEskoDriver::ReadMeterClock() {
-  ReplyView v = Send(m_img.TG, "GetCurrentTimestamp");
-  if (v.empty() || v.length <= 12) throw CDisconnectException();
-  struct tm d = MeterTm(v.data + 5, true);
-  LOG_INFO("current time heat meter - %02d.%02d.%04d %02d:%02d:%02d\r\n", d.tm_mday, d.tm_mon + 1, d.tm_year + 1900,
-           d.tm_hour, d.tm_min, d.tm_sec);
-  const time_t t = mktime(&d);
-  if (t <= 0) throw CDisconnectException();
-  return t;
-}
-
-bool CEskoDriver::FindArchDate(int eskoKind, time_t t, unsigned& recordNumber, unsigned& recordRest) {
-  if (eskoKind != 0 && eskoKind != 1) return false;
-  unsigned char* img = eskoKind == 0 ? m_img.A3 : m_img.A31;
-  PatchDate(img, eskoKind, t);
-  ReplyView v = Send(img, "FindArchDate");
-  if (v.empty() || v.length <= 12) {
-    LOG_ERR("%sFindArchRecNum - NOT ENOUGH DATA returned: %d !!!\r\n", m_info.driverPrefix, v.length);
-    return false;
-  }
-  recordNumber = static_cast<unsigned>((v.data[5] << 8) | v.data[6]);
-  recordRest = static_cast<unsigned>((v.data[7] << 8) | v.data[8]);
-  LOG_DEBUG("%sFindArchRecNum: rec num %u, rec rest %u\r", m_info.driverPrefix, recordNumber, recordRest);
-  return true;
-}
-
-bool CEskoDriver::CheckArchDate(int eskoKind, const struct tm& got, const struct tm& want) const {
-  const char* p = m_info.driverPrefix;
-  if (got.tm_year != want.tm_year) {
-    LOG_ERR("%sCheckArchDate - Returned Year %d != requested %d! \r\n", p, got.tm_year + 1900, want.tm_year + 1900);
-    return false;
-  }
-  if (got.tm_mon != want.tm_mon) {
-    LOG_ERR("%sCheckArchDate - Returned Month %d != requested %d! \r\n", p, got.tm_mon + 1, want.tm_mon + 1);
-    return false;
-  }
-  if (got.tm_mday != want.tm_mday) {
-    LOG_ERR("%sCheckArchDate - Returned Day %d != requested %d! \r\n", p, got.tm_mday, want.tm_mday);
-    return false;
-  }
-  if (eskoKind == 0 && got.tm_hour != want.tm_hour) {
-    LOG_ERR("%sCheckArchDate - Returned Hour %d != requested %d! \r\n", p, got.tm_hour, want.tm_hour);
-    return false;
-  }
-  return true;
-}
-
-bool CEskoDriver::FindArchRecNum(int eskoKind, time_t t, int& recordIndex) {
-  const char* p = m_info.driverPrefix;
-  if (eskoKind != 0 && eskoKind != 1) return false;
-  const struct tm want = LocalTm(t);
-  if (eskoKind == 0)
-    LOG_DEBUG("%sFindArchRecNum: rqst date- %lu, %02d.%02d.%04d %02d:00 \r", p, static_cast<unsigned long>(t),
-              want.tm_mday, want.tm_mon + 1, want.tm_year + 1900, want.tm_hour);
-  else
-    LOG_DEBUG("%sFindArchRecNum: rqst date- %lu, %02d.%02d.%04d 00:00 \r", p, static_cast<unsigned long>(t),
-              want.tm_mday, want.tm_mon + 1, want.tm_year + 1900);
-
-  unsigned number = 0, rest = 0;
-  if (!FindArchDate(eskoKind, t, number, rest)) return false;
-
-  const unsigned index = number + static_cast<unsigned>(RecordBase(eskoKind));
-  const uint16_t address = static_cast<uint16_t>(index * 32);
-  m_img.L[3] = static_cast<unsigned char>(address >> 8);
-  m_img.L[4] = static_cast<unsigned char>(address & 0xFF);
-  LOG_DEBUG("%sFindArchRecNum: Ask rec date from addr 0x%02x%02x\r", p, m_img.L[3], m_img.L[4]);
-  ReplyView v = Send(m_img.L, "GetArchRecDate");
-  if (v.empty() || v.length <= 12) {
-    LOG_ERR("%sFindArchRecNum - NOT ENOUGH DATA returned: %d !!!\r\n", p, v.length);
-    return false;
-  }
-  const struct tm got = MeterTm(v.data + 5, false);
-  LOG_DEBUG("%sFindArchRecNum: got arch date- %02d.%02d.%04d %02d:%02d \r", p, got.tm_mday, got.tm_mon + 1,
-            got.tm_year + 1900, got.tm_hour, got.tm_min);
-  if (!CheckArchDate(eskoKind, got, want)) return false;
-
-  m_img.A1[4] = static_cast<unsigned char>((index >> 8) & 0xFF);
-  m_img.A1[5] = static_cast<unsigned char>(index & 0xFF);
-  v = Send(m_img.A1, "ReadArchRec");
-  if (v.empty()) return false;
-  char label[96];
-  snprintf(label, sizeof label, "%sFindArchRecNum: arch rec 0x%04x", p, index);
-  m_link->WriteRawLog(v.data, v.length, label);
-  recordIndex = static_cast<int>(index);
-  return true;
-}
-
-bool CEskoDriver::ReadArchData(int eskoKind, int type, time_t want, time_t lo, time_t hi, ParamValueList& out) {
-  const char* p = m_info.driverPrefix;
-  const char* typeText = type == ARCH_HOURLY ? "HOURLY" : "DAILY";
-  const struct tm w = LocalTm(want);
-  char when[64];
-  snprintf(when, sizeof when, "%02d.%02d.%04d %02d:00", w.tm_mday, w.tm_mon + 1, w.tm_year + 1900,
-           eskoKind == 0 ? w.tm_hour : 0);
-  LOG_DEBUG("%sReadArchData: ask find arch type %d(JSONRPC %d [%s]) page for %s\r", p, eskoKind, type, typeText, when);
-  unsigned char* img = eskoKind == 0 ? m_img.A4 : m_img.A41;
-  PatchDate(img, eskoKind, want);
-  ReplyView v = Send(img, "ReadArchData");
-  if (v.empty()) {
-    LOG_ERR("%sReadArchData - No data in arch to %s\r\n", p, when);
-    return false;
-  }
-  if (v.length < 260) {
-    LOG_ERR("%sReadArchData - NOT ENOUGH DATA returned: %d !!!\r\n", p, v.length);
-    return false;
-  }
-  return ParseArchPage(v.data, v.length, eskoKind, type, want, lo, hi, out);
-}
-
-bool CEskoDriver::ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type, time_t want, time_t lo,
-                                time_t hi, ParamValueList& out) {
-  const char* p = m_info.driverPrefix;
-  if (!reply || length < 260) return false;
-  const unsigned char* d = reply + 4;
-  LOG_DEBUG("arch page date raw [Y.M.D h:m]:  %02x.%02x.%02x %02x:%02x \r\n", d[0], d[1], d[2], d[3], d[4]);
-  struct tm got = MeterTm(d, false);
-  LOG_DEBUG("arch page date - %02d.%02d.%04d %02d:%02d \r\n", got.tm_mday, got.tm_mon + 1, got.tm_year + 1900,
-            got.tm_hour, got.tm_min);
-  const struct tm w = LocalTm(want);
-  if (got.tm_year != w.tm_year) {
-    LOG_ERR("%sFindArchDate - Returned Year %d != requested %d! \r\n", p, got.tm_year + 1900, w.tm_year + 1900);
-    return false;
-  }
-  if (got.tm_mon != w.tm_mon) {
-    LOG_ERR("%sFindArchDate - Returned Month %d != requested %d! \r\n", p, got.tm_mon + 1, w.tm_mon + 1);
-    return false;
-  }
-  if (got.tm_mday != w.tm_mday) {
-    LOG_ERR("%sFindArchDate - Returned Day %d != requested %d! \r\n", p, got.tm_mday, w.tm_mday);
-    return false;
-  }
-  if (eskoKind == 0 && got.tm_hour != w.tm_hour) {
-    LOG_ERR("%sFindArchDate - Returned Hour %d != requested %d! \r\n", p, got.tm_hour, w.tm_hour);
-    return false;
-  }
-  // The page carries a complemented sum of its bytes; meters in the field are known to
-  // send pages whose sum does not match, so a mismatch is only logged.
-  const uint8_t cs = CalcCSInverted(reply + 4, 255);
-  if (cs != reply[259])
-    LOG_DEBUG("%sReadArchData - WRONG ARCH PAGE CS: x%02x, got x%02x\r\n", p, cs, reply[259]);
-
-  const time_t pageTime = mktime(&got);
-  const int interval = eskoKind == 0 ? 3600 : 86400;
-  const time_t stamp = pageTime - interval;  // a record is stamped with the start of its interval
-  if (pageTime < lo || pageTime > hi) {
-    LOG_DEBUG("%sReadArchData: page %lu outside %lu..%lu, skipped\r", p, static_cast<unsigned long>(pageTime),
-              static_cast<unsigned long>(lo), static_cast<unsigned long>(hi));
-    return true;
-  }
-  LOG_DEBUG("%sReadArchData: parsing received pages\r", p);
-  const struct tm st = LocalTm(stamp);
-  LOG_DEBUG("%sReadArchData: arch time %lu  %02d-%02d-%04d %02d:%02d\r", p, static_cast<unsigned long>(stamp),
-            st.tm_mday, st.tm_mon + 1, st.tm_year + 1900, st.tm_hour, st.tm_min);
-  CMeterBuffer page = Cursor(ReplyView{reply, length});
-  page += 4;
-  parse_inWork(page, type, stamp, out);
-  LOG_DEBUG("%sReadArchData finished.\r", p);
-  return true;
-}
 
 int CEskoDriver::parse_inWork(const CMeterBuffer& page, int type, time_t stamp, ParamValueList& out) {
   int count = 0;
@@ -726,116 +522,3 @@ int CEskoDriver::parse_inWork(const CMeterBuffer& page, int type, time_t stamp, 
 }
 
 // ---------------------------------------------------------------------------------
-
-time_t CEskoDriver::FindOldest(int eskoKind, time_t newest, int interval) {
-  for (int back = 0; back < 2; ++back) {
-    const time_t t = eskoKind == 1 ? LocalMidnight(newest, -back) : newest - back * interval;
-    unsigned number = 0, rest = 0;
-    try {
-      if (FindArchDate(eskoKind, t, number, rest)) {
-        const time_t oldest = eskoKind == 1 ? LocalMidnight(t, -static_cast<int>(rest))
-                                            : t - static_cast<time_t>(rest) * interval;
-        const struct tm o = LocalTm(oldest);
-        LOG_INFO("min %s arch - %02d.%02d.%04d %02d:%02d \r\n", eskoKind == 0 ? "hour" : "day", o.tm_mday,
-                 o.tm_mon + 1, o.tm_year + 1900, o.tm_hour, o.tm_min);
-        return oldest;
-      }
-    } catch (const CDisconnectException&) {
-      if (!m_link || m_link->LastError() == 0) throw;  // the link failed, not the search
-    }
-  }
-  return 0;
-}
-
-int CEskoDriver::GetTimestamps(Timestamps& out) {
-  const char* p = m_info.driverPrefix;
-  // Outside its turn the driver does not touch the shared line: it answers from its
-  // last reading, with the meter clock moved on by the local clock.
-  if (!GetTurn() && m_haveTimes) {
-    out.first_hour_arch = static_cast<int32_t>(m_firstHour);
-    out.first_day_arch = static_cast<int32_t>(m_firstDay);
-    out.meter_time = static_cast<int32_t>(m_meterTime + (mcd::Now() - m_meterTimeReadAt));
-    return 1;
-  }
-  try {
-    const time_t meter = ReadMeterClock();
-    m_meterTime = meter;
-    m_meterTimeReadAt = mcd::Now();
-
-    LOG_DEBUG("%sGetTimestamps: find min date ArchRecHourly\r", p);
-    const time_t newestHour = LocalHourStart(meter);
-    const time_t oldestHour = FindOldest(0, newestHour, 3600);
-    m_firstHour = oldestHour ? oldestHour - 3600 : newestHour;
-
-    LOG_DEBUG("%sGetTimestamps: find min date ArchRecDaily\r", p);
-    const time_t newestDay = LocalMidnight(meter, 0);
-    const time_t oldestDay = FindOldest(1, newestDay, 86400);
-    m_firstDay = oldestDay ? LocalMidnight(oldestDay, -1) : newestDay;
-
-    out.first_hour_arch = static_cast<int32_t>(m_firstHour);
-    out.first_day_arch = static_cast<int32_t>(m_firstDay);
-    out.meter_time = static_cast<int32_t>(meter);
-    m_haveTimes = true;
-    m_archBroken = false;
-    LOG_DEBUG("%sGetTimestamps: Done.\r", p);
-    return 1;
-  } catch (const std::exception& e) {
-    LOG_ERR("%sGetTimestamps: exception occured: %s\r\n", p, e.what());
-    return 0;
-  }
-}
-
-int CEskoDriver::get_arch_values(int type, time_t from, time_t to, ParamValueList& out) {
-  const char* lp = m_info.loopPrefix;
-  int interval, eskoKind;
-  const char *typeText, *word;
-  if (type == ARCH_HOURLY) {
-    interval = 3600, eskoKind = 0, typeText = "HOURLY", word = "Hourly";
-  } else if (type == ARCH_DAILY) {
-    interval = 86400, eskoKind = 1, typeText = "DAILY", word = "Daily";
-  } else {
-    return 2;
-  }
-  const time_t first = eskoKind == 0 ? m_firstHour : m_firstDay;
-  LOG_DEBUG("get_arch_values: want ask %s values from %lu to %lu \r", word, static_cast<unsigned long>(from),
-            static_cast<unsigned long>(to));
-  LOG_DEBUG("get_arch_values: MaxTime%s %lu, meter time %lu \r", eskoKind == 0 ? "Hour" : "Day",
-            static_cast<unsigned long>(first), static_cast<unsigned long>(m_meterTime));
-  const size_t before = out.size();
-  // After a link failure the rest of this reading is left for the next turn, so the
-  // records filed stay without gaps.
-  if (m_archBroken) {
-    LOG_ERR("%sget_arch_values: link failed earlier in this reading, %s left for the next turn\r\n",
-            m_info.driverPrefix, typeText);
-  } else {
-    for (time_t t = from; t <= to; t += interval) {
-      LOG_DEBUG("Start read %s values at %lu, JSON type %d[%s], ESKO type %d\r", word,
-                static_cast<unsigned long>(t + interval), type, typeText, eskoKind);
-      if (t < first) continue;
-      try {
-        int index = 0;
-        if (!FindArchRecNum(eskoKind, t + interval, index)) continue;
-        ReadArchData(eskoKind, type, t + interval, from + interval, to + interval, out);
-      } catch (const CDisconnectException& e) {
-        if (m_link && m_link->LastError() != 0) {
-          LOG_ERR("%sget_arch_values: no record at %lu (code %d)\r\n", m_info.driverPrefix,
-                  static_cast<unsigned long>(t + interval), m_link->LastError());
-          continue;
-        }
-        LOG_ERR("%sget_arch_values: exception %s\r\n", m_info.driverPrefix, e.what());
-        m_archBroken = true;
-        break;
-      } catch (const std::exception& e) {
-        LOG_ERR("%sget_arch_values: exception %s\r\n", m_info.driverPrefix, e.what());
-        m_archBroken = true;
-        break;
-      }
-    }
-  }
-  const bool got = out.size() > before;
-  if (eskoKind == 0)
-    LOG_INFO(got ? "%sReadHourlyArch readed all hourly values." : "%sReadHourlyArch archive hourly info is absent.", lp);
-  else
-    LOG_INFO(got ? "%sReadDailyArch readed all daily values." : "%sReadDailyArch archive daily info is absent.", lp);
-  return 0;
-}

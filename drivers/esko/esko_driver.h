@@ -14,6 +14,7 @@
 #include <string>
 
 #include "drivers/base/base_driver.h"
+#include "drivers/base/calendar.h"
 #include "drivers/esko/esko_link.h"
 
 struct EskoModel {
@@ -52,19 +53,35 @@ class CEskoDriver : public CMcdBaseDriver {
   // --- steps, public for tests ---
   // Reads the system data into the per-system state; false after a link failure.
   bool GetSystemData();
-  // Locates the record of the ESKO kind (0 hourly, 1 daily) dated t, checks its date
-  // and reads it by index. False when the meter has no such record.
-  bool FindArchRecNum(int eskoKind, time_t t, int& recordIndex);
-  // 'A' 3 find: record number and count of older records for the date.
-  bool FindArchDate(int eskoKind, time_t t, unsigned& recordNumber, unsigned& recordRest);
-  bool CheckArchDate(int eskoKind, const struct tm& got, const struct tm& want) const;
-  // Reads the page dated `want` and parses it when its time lies in [lo, hi].
-  bool ReadArchData(int eskoKind, int type, time_t want, time_t lo, time_t hi, ParamValueList& out);
-  // Checks the page of an answer (reply bytes 0..259) and parses it into out.
-  bool ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type, time_t want, time_t lo, time_t hi,
-                     ParamValueList& out);
+
+  // How one archive record came out: read, declared absent by the meter (its
+  // no-record answer to the find request), or not read (any other failure).
+  enum RecordOutcome { kRecordOk, kRecordAbsent, kRecordFailed };
+  // The error code of the meter's answer when it holds no record for a date.
+  static constexpr uint8_t kNoRecordCode = 3;
+
+  // 'A' 3 find of the record of the ESKO kind (0 hourly, 1 daily) dated `label`:
+  // record number and "record rest". kRecordAbsent on the no-record answer; throws on
+  // every other failure.
+  RecordOutcome FindArchDate(int eskoKind, const mcd::cal::Label& label, unsigned& recordNumber,
+                             unsigned& recordRest);
+  // Locates the record dated `label`, checks its date ('L') and reads it by index.
+  RecordOutcome FindArchRecNum(int eskoKind, const mcd::cal::Label& label, int& recordIndex);
+  // Whether a date the meter gave (`got`) is the `want`ed one; the hour counts for
+  // hourly records only. `func` names the check in the messages.
+  bool CheckArchDate(int eskoKind, const mcd::cal::Label& got, const mcd::cal::Label& want, const char* func) const;
+  // Reads the page dated `label` and parses it, stamped `stamp`, into out.
+  bool ReadArchData(int eskoKind, int type, const mcd::cal::Label& label, time_t stamp, ParamValueList& out);
+  // Checks the page of an answer (reply bytes 0..259) against `label` and parses it.
+  bool ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type, const mcd::cal::Label& label,
+                     time_t stamp, ParamValueList& out);
   // Walks the raw parameter table over the page data (reply byte 4 on).
   int parse_inWork(const mcd::CMeterBuffer& page, int type, time_t stamp, ParamValueList& out);
+  // The record time (local label start) of the oldest record of the kind that the
+  // meter holds, looked for by bisection with the find request; 0 when it holds none.
+  time_t FindOldest(int eskoKind, time_t meterTime);
+  // The meter clock of a 'T' 'G' answer (bytes 5..10); false when a field is out of range.
+  static bool DecodeMeterClock(const unsigned char* p, time_t& out);
 
   static uint8_t CalcCSInverted(const unsigned char* bytes, int count);
   static int RecordBase(int eskoKind);
@@ -121,9 +138,14 @@ class CEskoDriver : public CMcdBaseDriver {
   ReplyView Send(unsigned char* image, const char* funcName);
   ReplyView ReadR(uint16_t address, const char* funcName);
   ReplyView ReadG(uint16_t address, const char* funcName);
-  void PatchDate(unsigned char* image, int eskoKind, time_t t) const;
-  time_t ReadMeterClock();
-  time_t FindOldest(int eskoKind, time_t newest, int interval);
+  void PatchDate(unsigned char* image, int eskoKind, const mcd::cal::Label& label) const;
+  bool ReadMeterClock(time_t& meter);
+  void NoteClockState(int state, const unsigned char* raw, long away);
+  bool HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest);
+  time_t Bisect(int eskoKind, time_t without, time_t with);
+  time_t ClaimedOldest(int eskoKind, time_t newest, unsigned rest) const;
+  RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
+  RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
   void CalcReal(bool max);
   void FillUnits();
   void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
@@ -143,7 +165,9 @@ class CEskoDriver : public CMcdBaseDriver {
   time_t m_meterTime = 0;
   time_t m_meterTimeReadAt = 0;  // local clock when the meter time was read
   bool m_haveTimes = false;
-  bool m_archBroken = false;  // a link failure ended an archive reading
+  bool m_archBroken = false;  // a failure ended an archive reading
+  int m_clockState = 0;       // ClockState of the last meter clock read
+  time_t m_oldest[2] = {0, 0};  // oldest record time found per ESKO kind, 0 = unknown
   std::string m_units[38];
 };
 

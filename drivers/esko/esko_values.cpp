@@ -44,6 +44,35 @@ unsigned char ToBCD(int value) {
   return static_cast<unsigned char>(((value / 10) << 4) | (value % 10));
 }
 
+namespace {
+bool ValidBCD(unsigned char b) { return (b >> 4) <= 9 && (b & 0x0F) <= 9; }
+
+int DaysInMonth(int year, int month) {
+  static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  return month == 2 && leap ? 29 : kDays[month - 1];
+}
+}  // namespace
+
+bool DecodeMeterDate(const unsigned char* p, bool withSeconds, struct tm& out) {
+  const int fields = withSeconds ? 6 : 5;
+  for (int i = 0; i < fields; ++i)
+    if (!ValidBCD(p[i])) return false;
+  const int year = 2000 + BCDByte(p[0]), month = BCDByte(p[1]), day = BCDByte(p[2]);
+  const int hour = BCDByte(p[3]), minute = BCDByte(p[4]), second = withSeconds ? BCDByte(p[5]) : 0;
+  if (month < 1 || month > 12 || day < 1 || day > DaysInMonth(year, month)) return false;
+  if (hour > 23 || minute > 59 || second > 59) return false;
+  out = tm();
+  out.tm_year = year - 1900;
+  out.tm_mon = month - 1;
+  out.tm_mday = day;
+  out.tm_hour = hour;
+  out.tm_min = minute;
+  out.tm_sec = second;
+  out.tm_isdst = -1;
+  return true;
+}
+
 uint16_t ReadU16(const CMeterBuffer& cursor, const char* name) {
   cursor.Require(2, name);
   return static_cast<uint16_t>(BigEndian(cursor.position(), 2));

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "drivers/base/byte_buffer.h"
@@ -22,6 +23,11 @@ uint64_t ReadBCD(const CMeterBuffer& cursor, int bytes, const char* name = "Read
 // One BCD byte as a number 0..99.
 int BCDByte(unsigned char b);
 unsigned char ToBCD(int value);
+
+// A meter date of BCD bytes year less 2000, month, day, hour, minute and (withSeconds)
+// second into out (local time, tm_isdst -1); false when a digit or a field is out of
+// range, e.g. month 0 or day 31 of April.
+bool DecodeMeterDate(const unsigned char* p, bool withSeconds, struct tm& out);
 
 // Text of a number with the given count of significant digits ("%.*g").
 std::string SignificantText(double value, int digits);

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <exception>
 
+#include "app/clock.h"
+#include "drivers/base/calendar.h"
 #include "drivers/base/value_text.h"
 #include "log/logger.h"
 
@@ -35,15 +37,19 @@ Frame Init1Request() { return {0xFF, 0xFF, 0x00, 0x10, 0x3F, 0xFF, 0x00, 0x00, 0
 Frame FlashPositionRequest() { return {0xFF, 0xFF, 0x00, 0x10, 0x3F, 0xF7, 0x00, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00}; }
 Frame FlashReadRequest() { return {0xFF, 0xFF, 0x00, 0x03, 0x3F, 0xF8, 0x00, 0x80, 0x00, 0x00}; }
 
+// A record of an element list written to 0x3FFF: the element's 4-byte address, low
+// byte first, carrying the 0x40000000 flag, then its 2-byte size.
+constexpr int kListRecord = 6;
+constexpr unsigned char kListFlagByte = 0x40;  // byte 3 of the address
+
 // Element list of the properties: elements 44..56 (unit strings, 7 bytes) and 57..76
-// (fraction digits, 1 byte), as 6-byte records: number, 0, 0, 0, length, 0.
-// 33 records, 198 bytes, a 209-byte request.
+// (fraction digits, 1 byte). 33 records, 198 bytes, a 209-byte request.
 Frame PropertiesListRequest() {
   Frame list;
   for (int e = 44; e <= 76; ++e) {
-    const unsigned char record[6] = {static_cast<unsigned char>(e), 0, 0, 0, static_cast<unsigned char>(e <= 56 ? 7 : 1),
-                                     0};
-    list.insert(list.end(), record, record + 6);
+    const unsigned char record[kListRecord] = {static_cast<unsigned char>(e), 0, 0, kListFlagByte,
+                                               static_cast<unsigned char>(e <= 56 ? 7 : 1), 0};
+    list.insert(list.end(), record, record + kListRecord);
   }
   return WriteRequest(0x3FFF, list.data(), list.size());
 }
@@ -60,12 +66,31 @@ std::string Asc(time_t t) {
   return s;
 }
 
-// External elements (numbers from 45 on) that are published: pulse inputs 1 and 2.
-struct ExternalElement {
-  int element;
-  int param;
+// A value's quality byte says whether the value bytes mean anything.
+bool CarriesValue(unsigned char quality) {
+  return quality != Cmcd_VKT7::kNotInSchemeQuality && quality != Cmcd_VKT7::kOutOfRangeQuality;
+}
+
+// The NS byte 0xFF says that another element of the list has the abnormal situation.
+uint8_t ErrorOf(unsigned char ns) { return ns == 0xFF ? 0 : ns; }
+
+// Whether the NS byte reports a changed activity mask. An element whose quality is
+// 0x50 has an abnormal situation of its own, and its NS byte is that situation's code.
+bool MaskChanged(unsigned char quality, unsigned char ns) {
+  return ns == 5 && quality != Cmcd_VKT7::kAbnormalQuality;
+}
+
+// The meter holds records by local date and hour: the label of a record time.
+mcd::cal::Label RecordLabel(time_t t, bool daily) {
+  mcd::cal::Label label = mcd::cal::LocalLabel(t);
+  if (daily) label.hour = 0;
+  return label;
+}
+
+// Ends an archive walk at a meter answer that is neither a record nor "no record".
+struct WalkEnd : std::exception {
+  const char* what() const noexcept override { return "the meter's answer ends the walk"; }
 };
-const ExternalElement kExternal[] = {{45, 55}, {46, 56}};
 
 }  // namespace
 
@@ -91,26 +116,18 @@ void Cmcd_VKT7::SaveConnector(CConnector* connector) {
   m_link.reset(new CVKT7LowLevelConnector(connector, led_indication));
 }
 
-time_t Cmcd_VKT7::MeterDate(int day, int month, int year, int hour, int minute, int second) {
+time_t Cmcd_VKT7::MeterDate(int day, int month, int year, int hour) {
   if (day == 0 && month == 0 && year == 0 && hour == 0) return 0;
-  struct tm tmv;
-  std::memset(&tmv, 0, sizeof tmv);
-  tmv.tm_mday = day;
-  tmv.tm_mon = month - 1;
-  tmv.tm_year = year + 100;
-  tmv.tm_hour = hour;
-  tmv.tm_min = minute;
-  tmv.tm_sec = second;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-int Cmcd_VKT7::QualityOf(unsigned char state) {
-  // State 0 is a normal measurement; other states flag an abnormal situation of the
-  // channel, and the value is kept but marked uncertain.
-  static const std::map<int, int> kStateQuality = {{0, kGoodQuality}};
-  auto found = kStateQuality.find(state);
-  return found == kStateQuality.end() ? kDefaultQuality : found->second;
+  if (day < 1 || day > 31 || month < 1 || month > 12 || year > 99 || hour > 23) return -1;
+  mcd::cal::Label label;
+  label.year = 2000 + year;
+  label.month = month;
+  label.day = day;
+  label.hour = hour;
+  const time_t t = mcd::cal::FromLabel(label);
+  // 31.02 and the like come back as another day; a left-out local hour as -1.
+  if (t == -1 || !mcd::cal::SameDay(mcd::cal::LocalLabel(t), label)) return -1;
+  return t;
 }
 
 // ---------------------------------------------------------------- exchanges
@@ -131,16 +148,19 @@ void Cmcd_VKT7::SelectDataType(int type, const char* name) {
   Exchange(f, name, false);
 }
 
-bool Cmcd_VKT7::SelectDate(time_t t, const char* label) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  const unsigned char data[4] = {static_cast<unsigned char>(tmv.tm_mday), static_cast<unsigned char>(tmv.tm_mon + 1),
-                                 static_cast<unsigned char>(tmv.tm_year - 100), static_cast<unsigned char>(tmv.tm_hour)};
+bool Cmcd_VKT7::SelectDate(time_t t, bool daily, const char* label) {
+  const mcd::cal::Label date = RecordLabel(t, daily);
+  const unsigned char data[4] = {static_cast<unsigned char>(date.day), static_cast<unsigned char>(date.month),
+                                 static_cast<unsigned char>(date.year - 2000), static_cast<unsigned char>(date.hour)};
   Frame f = WriteRequest(0x3FFB, data, 4);
   Exchange(f, "SendDataForArch3", true);
-  if ((m_link->Answer()[1] & 0x80) && m_link->LastError() == 3) {
-    LOG_DEBUG("Cmcd_VKT7::SendDataForArch3 - No data in arch to %s", Asc(t).c_str());
-    return false;
+  if (m_link->Answer()[1] & 0x80) {
+    if (m_link->LastError() == 3) {
+      LOG_WARNING("Cmcd_VKT7::SendDataForArch3 - No data in arch to %s", Asc(t).c_str());
+      return false;
+    }
+    LOG_ERR("Cmcd_VKT7::SendDataForArch3 - error code %d for %s - %s", m_link->LastError(), Asc(t).c_str(), label);
+    throw WalkEnd();
   }
   LOG_DEBUG("Cmcd_VKT7::SendDataForArch3 - Asking data %s - %s", Asc(t).c_str(), label);
   return true;
@@ -149,6 +169,8 @@ bool Cmcd_VKT7::SelectDate(time_t t, const char* label) {
 // ---------------------------------------------------------------- init
 
 void Cmcd_VKT7::init() {
+  // Called again on every turn until it has succeeded once: values cannot be rendered
+  // without the fraction digits and units.
   try {
     Frame f = Init1Request();
     Exchange(f, "init_1", false);
@@ -157,8 +179,10 @@ void Cmcd_VKT7::init() {
     LOG_DEBUG("Cmcd_VKT7::init - base type %d", m_baseType);
     GetAllProperties2();
     SyncActiveParameters41(false);
+    if (!m_ready.exchange(true)) LOG_INFO("Cmcd_VKT7::init - units, fraction digits and active elements read");
   } catch (const std::exception& e) {
-    LOG_ERR("Cmcd_VKT7::init - exchange failed: %s", e.what());
+    m_ready.store(false);
+    LOG_ERR("Cmcd_VKT7::init - exchange failed: %s; nothing is published until it succeeds", e.what());
   }
 }
 
@@ -194,6 +218,9 @@ void Cmcd_VKT7::SyncActiveParameters41(bool dump) {
   ParseActiveList(answer);
   const int n = answer[2];
   Frame f = WriteRequest(0x3FFF, answer.position() + 3, static_cast<size_t>(n));
+  // The meter's own list carries the flag already; it is set here all the same, since
+  // every record of a written list must carry it.
+  for (int at = 9 + 3; at < 9 + n; at += kListRecord) f[static_cast<size_t>(at)] |= kListFlagByte;
   Exchange(f, "SyncActiveParameters41_2", false);
   if (dump) vkt7::WriteFrameDump("SyncActiveParameters41", f.data(), f.size());
 }
@@ -268,7 +295,7 @@ void Cmcd_VKT7::ReadFlash() {
 
 ParamValueList Cmcd_VKT7::get_all_system_values() {
   ParamValueList out;
-  const time_t now = time(nullptr);
+  const time_t now = mcd::Now();
   try {
     GetSystemData();
     try {
@@ -293,21 +320,39 @@ ParamValueList Cmcd_VKT7::get_all_system_values() {
 // ---------------------------------------------------------------- clock and bounds
 
 time_t Cmcd_VKT7::GetCurrentTimestamp() {
-  if (m_version < 0x27) return time(nullptr);
-  return ParseCurrentTimestamp(Read(0x3FFB, "GetCurrentTimestamp"));
+  const time_t now = mcd::Now();
+  if (m_version < 0x27) return now;
+  const time_t meter = ParseCurrentTimestamp(Read(0x3FFB, "GetCurrentTimestamp"));
+  if (meter == -1) return -1;
+  const long away = static_cast<long>(meter > now ? meter - now : now - meter);
+  if (away > kClockTrust) {
+    LOG_WARNING("Cmcd_VKT7::GetCurrentTimestamp - meter clock is %ld s away from the controller's, not used for "
+                "archive dates",
+                away);
+    return -1;
+  }
+  return meter;
 }
 
 time_t Cmcd_VKT7::ParseCurrentTimestamp(CVKT7Buffer a) {
   a += 3;
   const int day = a[0], month = a[1], year = a[2], hour = a[3], minute = a[4], second = a[5];
   LOG_INFO("current time heat meter - %02d.%02d.%04d %02d:%02d:%02d", day, month, year + 2000, hour, minute, second);
-  return MeterDate(day, month, year, hour, minute, second);
+  const time_t hourStart = MeterDate(day, month, year, hour);
+  if (hourStart <= 0 || minute > 59 || second > 59) {
+    LOG_WARNING("Cmcd_VKT7::GetCurrentTimestamp - meter clock %02d.%02d.%04d %02d:%02d:%02d is not a valid time, not "
+                "used for archive dates",
+                day, month, year + 2000, hour, minute, second);
+    return -1;
+  }
+  return hourStart + minute * 60 + second;
 }
 
 void Cmcd_VKT7::ParseTimestamps(CVKT7Buffer a, Timestamps& out) {
   a += 3;
   LOG_INFO("last hour arch - %02d.%02d.%04d %02d ", a[0], a[1], a[2] + 2000, a[3]);
-  out.first_hour_arch = static_cast<int32_t>(MeterDate(a[0], a[1], a[2], a[3]));
+  // A bound that is no date is taken as no bound: the walk then asks from further back.
+  out.first_hour_arch = static_cast<int32_t>(std::max<time_t>(0, MeterDate(a[0], a[1], a[2], a[3])));
   a += 4;
   LOG_INFO("Cur_date - %02d.%02d.%04d %02d ", a[0], a[1], a[2] + 2000, a[3]);
   a += 4;
@@ -316,14 +361,18 @@ void Cmcd_VKT7::ParseTimestamps(CVKT7Buffer a, Timestamps& out) {
     return;
   }
   LOG_INFO("last day arch - %02d.%02d.%04d %02d", a[0], a[1], a[2] + 2000, a[3]);
-  out.first_day_arch = static_cast<int32_t>(MeterDate(a[0], a[1], a[2], a[3]));
+  // The date may carry hour 23; the daily record is the day's.
+  const time_t day = MeterDate(a[0], a[1], a[2], a[3]);
+  out.first_day_arch = static_cast<int32_t>(day > 0 ? mcd::cal::DayStart(day) : 0);
 }
 
 int Cmcd_VKT7::GetTimestamps(Timestamps& out) {
   try {
     Timestamps got;
     ParseTimestamps(Read(0x3FF6, "GetTimestamps"), got);
-    got.meter_time = static_cast<int32_t>(GetCurrentTimestamp());
+    const time_t meter = GetCurrentTimestamp();
+    if (meter == -1) return 0;
+    got.meter_time = static_cast<int32_t>(meter);
     out = got;
     m_archBroken = false;
     return 1;
@@ -350,10 +399,9 @@ std::string Cmcd_VKT7::ParseToString(const CVKT7Buffer& cursor, const Element& r
 }
 
 void Cmcd_VKT7::AppendValue(ParamValueList& out, int param, int kind, const std::string& value, const std::string& dim,
-                            unsigned char state, unsigned char error, int sys, time_t ts, uint32_t* masks) {
-  const uint8_t err = error == 0xFF ? 0 : error;
-  out.emplace_back(param, kind, value, dim, QualityOf(state), err, static_cast<uint8_t>(sys),
-                   static_cast<int32_t>(ts));
+                            unsigned char quality, unsigned char error, int sys, time_t ts, uint32_t* masks) {
+  const uint8_t err = ErrorOf(error);
+  out.emplace_back(param, kind, value, dim, quality, err, static_cast<uint8_t>(sys), static_cast<int32_t>(ts));
   if (param == 8 && sys == m_scheme - 1) {
     ParamValue copy = out.back();
     copy.sys = static_cast<uint8_t>(sys == 0 ? 1 : 0);
@@ -379,49 +427,53 @@ void Cmcd_VKT7::AppendValue(ParamValueList& out, int param, int kind, const std:
     }
   }
   masks[sys == 0 ? 0 : 1] |= bits;
-  LOG_DEBUG("param - %d;%d  val - %s VKT7OPCQuality - %d ERR - %d", param, kind, value.c_str(), state, err);
+  LOG_DEBUG("param - %d;%d  val - %s VKT7OPCQuality - %d ERR - %d", param, kind, value.c_str(), quality, err);
 }
 
-int Cmcd_VKT7::parce45inWorkEXTERNAL(const CVKT7Buffer& a, int element, int length, ParamValueList& out, int kind,
-                                     time_t ts) {
-  const unsigned char state = a[length];
-  const unsigned char error = a[length + 1];
-  if (error == 5) {
-    LOG_WARNING("Cmcd_VKT7::parce45inWork - activity mask is changed, need to reread");
-    return -1;
+bool Cmcd_VKT7::parce45inWorkEXTERNAL(const CVKT7Buffer& a, int element, int length, ParamValueList& out, int kind,
+                                      time_t ts) {
+  if (element == 77 || element == 78) {
+    // Abnormal situation present on heat input 1 (77) or 2 (78): '*' yes, ' ' no.
+    const unsigned char quality = a[length];
+    if (!CarriesValue(quality)) return true;
+    const unsigned char flag = a[0];
+    if (flag != '*' && flag != ' ') {
+      LOG_WARNING("Cmcd_VKT7::parce45inWorkEXTERNAL - element %d sent 0x%02X, neither '*' nor ' '", element, flag);
+      return true;
+    }
+    const int param = element == 77 ? 55 : 56;
+    const std::string value = flag == '*' ? "1" : "0";
+    const uint8_t err = ErrorOf(a[length + 1]);
+    out.emplace_back(param, kind, value, "", quality, err, static_cast<uint8_t>(element - 77),
+                     static_cast<int32_t>(ts));
+    LOG_DEBUG("param - %d;%d  val - %s VKT7OPCQuality - %d ERR - %d", param, kind, value.c_str(), quality, err);
+    return true;
   }
-  const ExternalElement* row = nullptr;
-  for (const auto& e : kExternal)
-    if (e.element == element) row = &e;
-  if (row == nullptr) {
-    LOG_DEBUG("Cmcd_VKT7::parce45inWorkEXTERNAL - WRONG INDEX - %d", element);
-    return 0;
-  }
-  if (state == 4 || state == 12) return 0;
-  const Element plain = {0, 0, row->param, 0};
-  const std::string value = ParseToString(a, plain, length);
-  const uint8_t err = error == 0xFF ? 0 : error;
-  out.emplace_back(row->param, kind, value, "", QualityOf(state), err, 0, static_cast<int32_t>(ts));
-  LOG_DEBUG("param - %d;%d  val - %s VKT7OPCQuality - %d ERR - %d", row->param, kind, value.c_str(), state, err);
-  return 0;
+  // 79, 80 (NS durations), 81 (DI) and 82 (P3) have no published name: read over.
+  return element >= 79 && element <= 82;
 }
 
 int Cmcd_VKT7::parce45inWork(CVKT7Buffer a, ParamValueList& out, int kind, time_t ts) {
   a += 3;
   uint32_t masks[2] = {0, 0};
+  int unknown = -1;
+  int unknownCount = 0;
   for (const auto& entry : m_active) {
     const int element = entry.first;
     const int length = entry.second;
-    if (element >= 45) {
-      if (parce45inWorkEXTERNAL(a, element, length, out, kind, ts) < 0) return -1;
-      a += length + 2;
-      continue;
-    }
-    const unsigned char state = a[length];
+    const unsigned char quality = a[length];
     const unsigned char error = a[length + 1];
-    if (error == 5) {
+    if (MaskChanged(quality, error)) {
       LOG_WARNING("Cmcd_VKT7::parce45inWork - activity mask is changed, need to reread");
       return -1;
+    }
+    if (element >= kElementCount) {
+      // 44..76 are properties, never values; 77 and above are the external elements.
+      if (element < 77 || !parce45inWorkEXTERNAL(a, element, length, out, kind, ts)) {
+        if (unknownCount++ == 0) unknown = element;
+      }
+      a += length + 2;
+      continue;
     }
     CVKT7Buffer value = a;
     unsigned char reordered[4] = {0, 0, 0, 0};
@@ -434,18 +486,19 @@ int Cmcd_VKT7::parce45inWork(CVKT7Buffer a, ParamValueList& out, int kind, time_
         value = CVKT7Buffer(reordered, length);
       }
     }
-    if (state == 4 || state == 12 || element >= kElementCount) {
-      if (element >= kElementCount) LOG_DEBUG("Cmcd_VKT7::parce45inWork - WRONG INDEX - %d", element);
-      a += length + 2;
-      continue;
+    if (CarriesValue(quality)) {
+      const Element& row = m_table[element];
+      const std::string text = ParseToString(value, row, length);
+      auto unit = m_units.find(row.unitKey);
+      AppendValue(out, row.param, kind, text, unit == m_units.end() ? std::string() : unit->second, quality, error,
+                  row.sys, ts, masks);
     }
-    const Element& row = m_table[element];
-    const std::string text = ParseToString(value, row, length);
-    auto unit = m_units.find(row.unitKey);
-    AppendValue(out, row.param, kind, text, unit == m_units.end() ? std::string() : unit->second, state, error,
-                row.sys, ts, masks);
     a += length + 2;
   }
+  // One line per read, however many values the unknown elements sent.
+  if (unknownCount > 0)
+    LOG_DEBUG("Cmcd_VKT7::parce45inWorkEXTERNAL - WRONG INDEX - %d (%d unknown elements in this read)", unknown,
+              unknownCount);
   out.emplace_back(14, kind, std::to_string(masks[0]), "", kGoodQuality, 0, 0, static_cast<int32_t>(ts));
   out.emplace_back(14, kind, std::to_string(masks[1]), "", kGoodQuality, 0, 1, static_cast<int32_t>(ts));
   return 0;
@@ -453,7 +506,7 @@ int Cmcd_VKT7::parce45inWork(CVKT7Buffer a, ParamValueList& out, int kind, time_
 
 void Cmcd_VKT7::ReadValues(int kind, const char* name, time_t* ts, ParamValueList& out) {
   CVKT7Buffer answer = Read(0x3FFE, name, true);
-  if (ts && *ts == 0) *ts = time(nullptr);
+  if (*ts == 0) *ts = mcd::Now();
   ParamValueList got;
   const bool changed = answer.empty() ? m_link->LastError() == 5 : parce45inWork(answer, got, kind, *ts) < 0;
   if (answer.empty() && !changed) throw CDisconnectException();
@@ -468,6 +521,7 @@ void Cmcd_VKT7::ReadValues(int kind, const char* name, time_t* ts, ParamValueLis
 
 ParamValueList Cmcd_VKT7::get_all_curtime_cur_integ_values() {
   ParamValueList out;
+  if (!IsReady()) return out;
   try {
     time_t ts = 0;
     SelectDataType(kCurrent, "get_all_curtime_cur_integ_values_1");
@@ -483,88 +537,84 @@ ParamValueList Cmcd_VKT7::get_all_curtime_cur_integ_values() {
 
 // ---------------------------------------------------------------- archives
 
-void Cmcd_VKT7::ReadRecord(time_t t, int kind, const char* label, const char* name, const char* rereadName,
-                           const char* warning, ParamValueList& out) {
+bool Cmcd_VKT7::ReadRecord(time_t t, bool daily, int kind, const char* label, const char* name,
+                           const char* rereadName, ParamValueList& out) {
   CVKT7Buffer answer = Read(0x3FFE, name, true);
   ParamValueList got;
   bool changed;
-  if (answer.empty() && (m_link->Answer()[1] & 0x80) && m_link->LastError() == 5)
+  if (answer.empty()) {
+    if (m_link->LastError() == 3) {
+      LOG_WARNING("Cmcd_VKT7::get_arch_values - No data in arch to %s", Asc(t).c_str());
+      return false;
+    }
+    if (m_link->LastError() != 5) throw WalkEnd();
     changed = true;
-  else
+  } else {
     changed = parce45inWork(answer, got, kind, t) < 0;
+  }
   if (changed) {
-    LOG_WARNING("%s", warning);
+    LOG_WARNING("Cmcd_VKT7::get_arch_values - activity mask is changed, need to reread");
     got.clear();
     SyncActiveParameters41(false);
-    if (!SelectDate(t, label)) return;
+    if (!SelectDate(t, daily, label)) return false;
+    // A second change (error answer 5 or NS byte 5) ends the walk at this record.
     if (parce45inWork(Read(0x3FFE, rereadName, false), got, kind, t) < 0) {
-      LOG_WARNING("Cmcd_VKT7::get_arch_values - activity mask changed again, record %ld skipped", static_cast<long>(t));
-      return;
+      LOG_ERR("Cmcd_VKT7::get_arch_values - activity mask changed again at %s", Asc(t).c_str());
+      throw WalkEnd();
     }
   }
   out.splice(out.end(), got);
+  return true;
 }
 
 void Cmcd_VKT7::ReadMonthly(time_t t, ParamValueList& out) {
   LOG_INFO("Start read monthly values at %d", static_cast<int>(t));
   SelectDataType(kMonthly, "get_arch_monthly_values_1");
   SyncActiveParameters41(true);
-  if (!SelectDate(t, "MONTHLY")) return;
-  ReadRecord(t, kKindMonthly, "MONTHLY", "get_arch_monthly_values_2", "get_arch_monthly_values_2.1",
-             "Cmcd_VKT7::get_arch_values - activity mask is changed, need to reread", out);
+  if (!SelectDate(t, true, "MONTHLY")) return;
+  ReadRecord(t, true, kKindMonthly, "MONTHLY", "get_arch_monthly_values_2", "get_arch_monthly_values_2.1", out);
+}
+
+bool Cmcd_VKT7::IsReportingDay(time_t dayStart) const {
+  if (m_reportDay == 31) return mcd::cal::LocalLabel(mcd::cal::NextDay(dayStart)).day == 1;
+  return mcd::cal::LocalLabel(dayStart).day == m_reportDay;
 }
 
 int Cmcd_VKT7::get_arch_values(int type, time_t from, time_t to, ParamValueList& out) {
-  int step, dataType;
-  const char* label;
-  if (type == ARCH_HOURLY) {
-    step = 3600;
-    dataType = kHourly;
-    label = "HOURLY";
-  } else if (type == ARCH_DAILY) {
-    step = 86400;
-    dataType = kDaily;
-    label = "DAILY";
-  } else {
-    return 2;
+  if (type != ARCH_HOURLY && type != ARCH_DAILY) return 2;
+  const bool daily = type == ARCH_DAILY;
+  const char* label = daily ? "DAILY" : "HOURLY";
+  if (!IsReady()) {
+    LOG_WARNING("Cmcd_VKT7::get_arch_values - the meter's units and fraction digits are not known yet");
+    return 0;
   }
   if (m_archBroken) {
     LOG_ERR("Cmcd_VKT7::get_arch_values - link failed earlier in this reading, %s records left for the next turn",
             label);
-    return -1;
+    return 0;
   }
-  ParamValueList got;
+  // Record times are the local hours and days that the meter keys its archive by:
+  // the first of them at or after from.
+  time_t t = daily ? mcd::cal::DayStart(from) : mcd::cal::HourStart(from);
+  if (t < from) t = daily ? mcd::cal::NextDay(t) : mcd::cal::NextHour(t);
   try {
-    SelectDataType(dataType, "get_arch_values_1");
+    SelectDataType(daily ? kDaily : kHourly, "get_arch_values_1");
     SyncActiveParameters41(false);
-    for (time_t t = from; t <= to; t += step) {
-      if (type == ARCH_DAILY) {
-        struct tm day;
-        localtime_r(&t, &day);
-        bool monthly;
-        if (m_reportDay == 31) {
-          const time_t next = t + 86400;
-          struct tm following;
-          localtime_r(&next, &following);
-          monthly = following.tm_mday == 1;
-        } else {
-          monthly = day.tm_mday == m_reportDay;
-        }
-        if (monthly) {
-          ReadMonthly(t, got);
-          SelectDataType(dataType, "get_arch_values_1");
-          SyncActiveParameters41(false);
-        }
+    for (; t <= to; t = daily ? mcd::cal::NextDay(t) : mcd::cal::NextHour(t)) {
+      // A day's monthly record goes out with its daily record, never without it.
+      ParamValueList record;
+      if (daily && IsReportingDay(t)) {
+        ReadMonthly(t, record);
+        SelectDataType(kDaily, "get_arch_values_1");
+        SyncActiveParameters41(false);
       }
-      if (!SelectDate(t, label)) continue;
-      ReadRecord(t, type, label, "get_arch_values_2", "get_arch_values_2.1",
-                 "Cmcd_VKT7::get_arch_values - activity mask is changed, need to reread", got);
+      if (SelectDate(t, daily, label)) ReadRecord(t, daily, type, label, "get_arch_values_2", "get_arch_values_2.1", record);
+      out.splice(out.end(), record);
     }
   } catch (const std::exception& e) {
-    LOG_ERR("Cmcd_VKT7::get_arch_values - exchange failed: %s", e.what());
+    LOG_ERR("Cmcd_VKT7::get_arch_values - %s at %s; the next walk starts there", e.what(), Asc(t).c_str());
     m_archBroken = true;
-    return -1;
+    return 0;
   }
-  out.splice(out.end(), got);
-  return 0;
+  return 1;
 }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "drivers/base/crc16.h"
@@ -45,8 +46,24 @@ CVKT7Buffer::CVKT7Buffer(const unsigned char* data, int count) : mcd::CMeterBuff
   SetNames("CVKT7Buffer []", "CVKT7Buffer +=");
 }
 
+namespace {
+
+int LineSpeed(const CConnector* connector) {
+  if (connector == nullptr) return 9600;
+  auto found = connector->GetParams().find("speed");
+  const int baud = found == connector->GetParams().end() ? 0 : atoi(found->second.c_str());
+  return baud > 0 ? baud : 9600;
+}
+
+}  // namespace
+
 CVKT7LowLevelConnector::CVKT7LowLevelConnector(CConnector* connector, bool led)
-    : m_connector(connector), m_led(led) {}
+    : m_connector(connector), m_led(led), m_baud(LineSpeed(connector)) {}
+
+long CVKT7LowLevelConnector::PartialReadPause(int bytesDue, int baud) {
+  const long wire = static_cast<long>(bytesDue) * 10L * 1000000L / (baud > 0 ? baud : 9600);
+  return wire + wire / 10 + 20000;
+}
 
 CVKT7Buffer CVKT7LowLevelConnector::SendString(unsigned char* request, unsigned short length, const char* func_name,
                                                bool tolerate_error) {
@@ -112,7 +129,7 @@ bool CVKT7LowLevelConnector::ReadCount(unsigned char* dest, unsigned short count
     }
     if (got == count) return true;
     LOG_WARNING("CVKT7LowLevelConnector::ReadCount - Readed not full string");
-    usleep(100000);
+    usleep(static_cast<useconds_t>(PartialReadPause(count - got, m_baud)));
   }
 }
 

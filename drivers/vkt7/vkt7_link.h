@@ -60,9 +60,14 @@ class CVKT7LowLevelConnector {
 
   static constexpr size_t kAnswerSize = 267;
 
+  // Microseconds to wait after a partial read for the bytes still due: their wire
+  // time at the line's speed (10 bits a byte) plus 10 % and 20 ms.
+  static long PartialReadPause(int bytesDue, int baud);
+
  private:
   unsigned char m_ucLastError = 0;
   unsigned char m_answer[kAnswerSize] = {};
   CConnector* m_connector;
   bool m_led;
+  int m_baud;  // the line's speed, from the port's "speed" (9600 when missing)
 };

@@ -111,7 +111,8 @@ TEST(Vkt7DaemonEndToEnd, ReadsTheMeterAndResumesAfterTheBounds) {
     EXPECT_EQ(mcdtest::ReadFile(items1 + "Q1"), "12.5\n");
     EXPECT_EQ(mcdtest::ReadFile(items2 + "T3"), "12.34\n");  // system 0's t3, copied
     EXPECT_EQ(mcdtest::ReadFile(items1 + "IQ1"), mcd::StreamText(1234.567) + "\n");
-    EXPECT_EQ(mcdtest::ReadFile(items1 + "F1C"), "42\n");
+    EXPECT_EQ(mcdtest::ReadFile(items1 + "F1C"), "0\n");
+    EXPECT_EQ(mcdtest::ReadFile(items2 + "F2C"), "0\n");
     for (const std::string& items : {items1, items2}) {
       EXPECT_EQ(mcdtest::ReadFile(items + "MeterManufacturer"), "ООО \"Теплоком\"\n") << items;
       EXPECT_EQ(mcdtest::ReadFile(items + "MeterModel"), "ВКТ-7\n") << items;

@@ -1,5 +1,5 @@
-// Helpers of the VKT-7 tests: answer images, a process log captured in a file, and a
-// meter played on a pseudo-terminal by a thread that answers requests through a script.
+// Helpers of the VKT-7 tests: frames written in hex, answer images, and a meter played
+// on a pseudo-terminal by a thread that answers requests through a script.
 #pragma once
 
 #include <poll.h>
@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "drivers/base/crc16.h"
 #include "drivers/base/value_text.h"
 #include "drivers/vkt7/vkt7_link.h"
 #include "log/logger.h"
@@ -40,12 +39,15 @@ struct Image {
   CVKT7Buffer View() const { return CVKT7Buffer(bytes.data(), length); }
 };
 
-// A frame with its CRC appended (low byte first) over all of body.
-inline Bytes WithCrc(Bytes body) {
-  uint16_t crc = mcd::Crc16(body.data(), body.size());
-  body.push_back(static_cast<unsigned char>(crc & 0xFF));
-  body.push_back(static_cast<unsigned char>(crc >> 8));
-  return body;
+// Bytes written as hexadecimal pairs separated by blanks: "00 03 01 7E 71 94".
+inline Bytes Hex(const std::string& text) {
+  Bytes out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == ' ') continue;
+    out.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
+    ++i;
+  }
+  return out;
 }
 
 using mcdtest::LogCapture;
@@ -58,7 +60,7 @@ inline std::string SimValue(int base, long n, int digits) {
 }
 
 // Plays the meter on the master side of a pty. Requests are split by length: a read
-// is 10 bytes, a write 11 + its count byte. The script answers each request with a
+// is 10 bytes, a write 11 + its count byte (the session opening: 15). The script answers each request with a
 // list of chunks, written with a pause between them.
 class Peer {
  public:
@@ -81,6 +83,7 @@ class Peer {
     if (buf.size() < 4) return 0;
     if (buf[3] == 0x03) return 10;
     if (buf.size() < 9) return 0;
+    if (buf[4] == 0x3F && buf[5] == 0xFF && buf[8] == 0xCC) return 15;  // the session opening
     return 11 + buf[8];
   }
 
