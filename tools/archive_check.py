@@ -5,8 +5,9 @@
                      [--meter ...] --meter-time T [--quiet]
 
 HELD.json is what a simulator writes with --held-out: for every bus address, every
-archive kind ("hourly", "daily"), every record time, the archive files (paths below the
-meter's storage directory) with the value text and quality the daemon must file:
+archive kind ("hourly", "daily", and "monthly" whose lines are stamped a day after the
+record and which the daily bound covers), every record time, the archive files (paths
+below the meter's storage directory) with the value text and quality the daemon must file:
     {"<address>": {"hourly": {"<t>": {"1/tc_archives/A20": ["51.24", 192], ...}}}}
 STORAGE_DIR/ID/ is the meter's storage directory; ID=ADDRESS maps the daemon's meter
 identifier to the simulator's address (a held-out file with one address needs none).
@@ -34,7 +35,10 @@ import re
 import sys
 import time
 
-KINDS = (("hourly", "timestamp_max_hourly"), ("daily", "timestamp_max_daily"))
+# archive kind of the held-out file: the bound file that covers it, how much later than
+# the record's own time its lines are stamped, and whether it is read by hours or days
+KINDS = (("hourly", "timestamp_max_hourly", 0, "hour"), ("daily", "timestamp_max_daily", 0, "day"),
+         ("monthly", "timestamp_max_daily", 86400, "day"))
 ARCHIVE_DIRS = ("tc_archives", "tc_tmp_archives")
 WINDOW_DAYS = 90
 EXAMPLES = 5
@@ -104,11 +108,12 @@ class Tally:
             self.examples[what].append(text)
 
 
-def check_kind(meter_dir, kind, bound_name, held, meter_time):
+def check_kind(meter_dir, kind, held, meter_time):
     """Tally of one meter and archive kind. held: {t: {path: [value, quality]}}."""
+    _, bound_name, shift, unit = kind
     tally = Tally()
     bound = read_bound(os.path.join(meter_dir, bound_name))
-    limit = (hour_start(meter_time) if kind == "hourly" else day_start(meter_time)) - 1
+    limit = (hour_start(meter_time) if unit == "hour" else day_start(meter_time)) - 1
     earlier = [t for t in held if t <= limit]
     reach = max(earlier) if earlier else 0
     window_end = max(bound, reach)
@@ -125,7 +130,7 @@ def check_kind(meter_dir, kind, bound_name, held, meter_time):
             if not complete or not m:
                 tally.add("wrong", "%s %s: %r" % (where, "torn" if complete is False else "malformed", line))
                 continue
-            t, quality, value = int(m.group(1)), int(m.group(2)), m.group(3)
+            t, quality, value = int(m.group(1)) - shift, int(m.group(2)), m.group(3)
             n = filed.get((path, t), 0) + 1
             filed[(path, t)] = n
             if n > 1:
@@ -176,13 +181,15 @@ def main():
             parser.error("meter %s: address %s is not in the held-out file" % (ident, address))
         meter_dir = os.path.join(args.storage, ident)
         listed = set()
-        for kind, bound_name in KINDS:
-            held = {int(t): rec for t, rec in held_out[address].get(kind, {}).items()}
-            tally, info = check_kind(meter_dir, kind, bound_name, held, args.meter_time)
+        for kind in KINDS:
+            held = {int(t): rec for t, rec in held_out[address].get(kind[0], {}).items()}
+            if kind[0] == "monthly" and not held:
+                continue
+            tally, info = check_kind(meter_dir, kind, held, args.meter_time)
             listed.update(info["files"])
             out.append("meter %s %s: %d records in the window, %d lines, bound %d (%s), reach %d: "
                        "lost %d duplicated %d wrong %d" % (
-                           ident, kind, info["records"], info["lines"], info["bound"],
+                           ident, kind[0], info["records"], info["lines"], info["bound"],
                            local_label(info["bound"]) if info["bound"] else "none", info["reach"],
                            tally.counts["lost"], tally.counts["duplicated"], tally.counts["wrong"]))
             for what in ("lost", "duplicated", "wrong"):

@@ -14,10 +14,13 @@ For each seed (everything below is drawn from random.Random(seed)):
 - two lines, each with its own daemon (one process serves one serial line): a VKT-7 and
   an ESKO line with an MTR-06 and a TM-3E, each holding two to three days of hourly and
   three to five days of daily records, so the change lies inside the archive;
+- records the meters do not hold (VKT-7 holes, ESKO gaps: an explicit no-record answer)
+  and VKT-7 archive reads answered with error code 2;
 - during the backfill, on each line, a random sequence of: silence, garbage, wrong
-  checksums, every other answer dropped, meter error answers (the VKT-7 activity mask
-  changing in the middle of a walk), kill -9 of the daemon followed by a restart, the
-  meter's storage directory unwritable, controller clock steps forward and back;
+  checksums, every other answer dropped, ESKO error answers to the find request in the
+  middle of a walk, an ESKO clock reading nonsense or days off, kill -9 of the daemon
+  followed by a restart, the meter's storage directory unwritable, controller clock
+  steps forward and back;
 - then a healthy period until the daemon has filed up to the last complete hour and
   day (or the time allowed runs out), SIGTERM, and the checker.
 The daemon runs fast-forward (MCD_TIME_SCALE), so its waits take a fraction of the time.
@@ -122,6 +125,8 @@ class Line:
                          "MCD_LEDS_DIR": self.root + "/leds/", "MCD_CLOCK_OFFSET_FILE": self.offset_file})
         self.sim_argv = sim_argv + ["--link", self.link, "--control", self.control,
                                     "--stats", os.path.join(self.root, "stats.json"), "--held-out", self.held]
+        self.base_control = {}
+        self.meter_faults = []  # (description, control keys) the simulator plays
         self.sim = None
         self.daemon = None
         self.daemon_starts = 0
@@ -136,8 +141,13 @@ class Line:
     def storage(self, rel=""):
         return os.path.join(self.root, "storage", rel)
 
-    def set_faults(self, **on):
-        write_atomic(self.control, json.dumps({k: bool(on.get(k)) for k in LINK_FAULTS}))
+    def set_faults(self, extra=None, **on):
+        """Writes the control file: the line's standing keys, the link faults switched on
+        and the simulator's own fault keys of `extra`."""
+        control = dict(self.base_control)
+        control.update({k: bool(on.get(k)) for k in LINK_FAULTS})
+        control.update(extra or {})
+        write_atomic(self.control, json.dumps(control))
 
     def start_sim(self, offset):
         self.set_faults()
@@ -219,13 +229,13 @@ class Line:
     def caught_up(self, reach):
         return all(read_number(self.storage(os.path.join(ident, bound))) >= t for (ident, bound), t in reach.items())
 
-    def play_faults(self, until, base_offset, mask_change):
+    def play_faults(self, until, base_offset):
         """A random sequence of faults on this line until the monotonic time `until`."""
         rng = self.rng
         reach = self.reach(int(time.time()) + base_offset)
         actions = ["link", "link", "kill", "storage", "clock", "rest"]
-        if mask_change:
-            actions.append("link")
+        if self.meter_faults:
+            actions += ["meter", "meter"]
         while time.monotonic() < until:
             action = rng.choice(actions)
             hold = rng.uniform(0.5, 3.0)
@@ -237,6 +247,12 @@ class Line:
                 fault = rng.choice(LINK_FAULTS)
                 self.note("fault %s for %.1fs" % (fault, hold))
                 self.set_faults(**{fault: True})
+                time.sleep(hold)
+                self.set_faults()
+            elif action == "meter":
+                what, keys = rng.choice(self.meter_faults)
+                self.note("meter %s for %.1fs" % (what, hold))
+                self.set_faults(extra=keys)
                 time.sleep(hold)
                 self.set_faults()
             elif action == "kill":
@@ -293,16 +309,29 @@ def run_seed(seed, args):
     days = rng.randint(3, 5)
     first_hour = hour_start(meter_now) - hours * 3600
     first_day = day_start(day_start(meter_now) - days * 86400 + 7200)
+    # records the VKT-7 does not hold (it answers error code 3 for them), and archive
+    # reads it answers with error code 2 (a record it holds: the walk comes back for it)
+    holes = [hour_start(meter_now) - rng.randint(2, hours - 1) * 3600 for _ in range(rng.randint(0, 2))]
+    error2 = sorted(rng.sample(range(3, 200), rng.randint(1, 4)))
     vkt = Line("vkt7", work, args.binary, env, {"71": None}, [
-        os.path.join(TOOLS, "vkt7_sim.py"), "--first-hour", str(first_hour), "--first-day", str(first_day)]
-        + (["--mask-change-after", str(rng.randint(10, 80)), "--mask-mode", rng.choice(("code5", "byte5"))]
-           if rng.random() < 0.7 else []), random.Random(seed * 7919 + 1))
+        os.path.join(TOOLS, "vkt7_sim.py"), "--first-hour", str(first_hour), "--first-day", str(first_day),
+        "--error2-reads", ",".join(map(str, error2))] + (["--holes", ",".join(map(str, holes))] if holes else []),
+        random.Random(seed * 7919 + 1))
     esko_meters = [("201", 1, "esko-mtr-06", "mtr06"), ("202", 2, "esko-tm3", "tm3e")]
     esko_specs = []
     for ident, address, _, model in esko_meters:
         esko_specs += ["--meter", "%d:%s:%d:%d" % (address, model, rng.randint(46, 64), rng.randint(3, 5))]
     esko = Line("esko", work, args.binary, env, {m[0]: str(m[1]) for m in esko_meters},
                 [os.path.join(TOOLS, "esko_sim.py")] + esko_specs, random.Random(seed * 7919 + 2))
+    # gaps of the ESKO meters (answered "no record"), and the ESKO meter faults: error
+    # answers to the find request in the middle of a walk, a clock that reads nonsense,
+    # a clock days away from the controller's
+    esko.base_control = {"no_record": [hour_start(meter_now) - rng.randint(2, 44) * 3600
+                                       for _ in range(rng.randint(0, 2))]}
+    esko.meter_faults = [
+        ("error answers", {"error_code": rng.choice((1, 2, 4, 5, 6, 7)), "error_every": rng.randint(2, 5)}),
+        ("clock reading 00.00.2000", {"clock": "nonsense"}),
+        ("clock days off", {"clock_offset": rng.choice((-1, 1)) * rng.randint(8, 40) * 86400})]
     lines = [vkt, esko]
 
     meters = {"71": {"manufacturer": "vkt-7", "period_current": "601",
@@ -343,7 +372,7 @@ def run_seed(seed, args):
 
         # faults while the backfill runs, each line on its own
         until = time.monotonic() + args.fault_seconds
-        players = [threading.Thread(target=line.play_faults, args=(until, offset, line is vkt)) for line in lines]
+        players = [threading.Thread(target=line.play_faults, args=(until, offset)) for line in lines]
         for p in players:
             p.start()
         for p in players:
