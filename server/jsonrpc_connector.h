@@ -6,6 +6,7 @@
 
 #include <list>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "server/param_value.h"
@@ -43,8 +44,15 @@ class CJSONRPCConnector {
   std::string GetItemsDir(int i);
   std::string GetArchiveDir(int i, bool temporary);
   bool WriteItems(const ParamValueList& list);
-  // False when a line could not be written; the bound is then left unchanged.
+  // Files one block: appends the lines and makes them durable, then raises the bound
+  // (write-and-rename, durable). False when the block could not be filed: its lines are
+  // then taken back and the bound is left unchanged.
   bool WriteArchive(const ParamValueList& list, int archiveType, bool temporary);
+  // Brings the archive files and the bounds of this meter into agreement after a kill
+  // or a power loss, and removes temporary files that a dead process left in the item
+  // and storage trees. Done by the first archive call of the process, and again when
+  // the storage directory is another one (mounted late or remounted).
+  void ReconcileArchives();
   void SetConnectionState(bool connected);
   bool WriteMaxTimestamp(int archiveType, long t);
   long ReadMaxTimestamp(int archiveType);
@@ -67,6 +75,15 @@ class CJSONRPCConnector {
 
  private:
   static void JsonObjectToMap(ParamMap& out, const Json::Value& object);
+  // Reconciles when the storage directory has not been reconciled in this process yet.
+  void EnsureReconciled();
+  void ReconcileLocked();
+  void ReconcileBound(int archiveType);
+
+  std::mutex reconcileMutex;
+  bool reconciled = false;
+  unsigned long long reconciledDevice = 0;
+  unsigned long long reconciledInode = 0;
 
   int32_t requestId;
   std::string meterId;

@@ -34,7 +34,8 @@ host's time moved by --clock-offset. Hourly records exist from --first-hour (def
 30 hours before the meter's current hour) to the last complete hour, daily records
 from --first-day (default: three days back) to yesterday, except the times given with
 --holes; a date without a record is answered with error code 3. --error2-reads N,...
-answers the N-th archive data reads with error code 2.
+answers the N-th archive data reads with error code 2; --date-errors N:CODE,...
+answers the N-th archive date writes with that error code.
 
 --mask-change-after N changes the meter's activity mask (element 18 leaves the
 active list) after N archive reads: until the driver has read and written back the
@@ -325,6 +326,8 @@ class Vkt7:
         parser.add_argument("--holes", default="", help="comma-separated record times the meter does not hold")
         parser.add_argument("--error2-reads", default="",
                             help="comma-separated numbers of archive data reads answered with error code 2")
+        parser.add_argument("--date-errors", default="",
+                            help="comma-separated N:CODE: the N-th archive date write is answered with CODE")
         parser.add_argument("--active", default=None, help="comma-separated active element numbers")
         parser.add_argument("--base-type", type=int, default=0, help="0: fixed 7-byte units, 1: sized units")
         parser.add_argument("--version", type=lambda s: int(s, 0), default=0x27, help="firmware version byte")
@@ -348,6 +351,8 @@ class Vkt7:
         self.archive_reads = 0
         self.holes = set(int_list(args.holes))
         self.error2_reads = set(int_list(args.error2_reads))
+        self.date_errors = dict(tuple(int(x) for x in item.split(":")) for item in args.date_errors.split(",") if item)
+        self.date_writes = 0
         now = self.now()
         self.first_hour = args.first_hour if args.first_hour is not None else hour_start(now) - 30 * 3600
         self.first_day = args.first_day if args.first_day is not None else day_start(day_start(now) - 3 * 86400 + 7200)
@@ -480,6 +485,9 @@ class Vkt7:
             self.date = None
             return self.write_answer(request)
         if reg == 0x3FFB:
+            self.date_writes += 1
+            if self.date_writes in self.date_errors:
+                return self.error_answer(0x10, self.date_errors[self.date_writes])
             t = self.record_time(data[0], data[1], data[2], data[3])
             if t is None:
                 self.log("no record %02d.%02d.%02d %02d" % (data[0], data[1], data[2], data[3]))

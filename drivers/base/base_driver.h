@@ -49,6 +49,10 @@ class CMcdBaseDriver : public myThreadAttached {
   // read, or the meter said explicitly that it holds none for that time. Returns 0 when
   // the walk stopped at a failure: out then holds only the records before it, and the
   // next walk starts again at the record that failed.
+  // from and to are local hour starts (hourly) or local day starts (daily) of mcd::cal;
+  // an hourly range never leaves one local day. The loop files a block only when every
+  // record time in it is such a start inside from..to and the times of each parameter
+  // (heat system, kind, id) strictly increase; any other block is not filed.
   virtual int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) = 0;
   // Whether the driver knows how to render the meter's values (scales, units): until
   // it does, the loop calls init() again on each turn and neither publishes current
@@ -79,13 +83,26 @@ class CMcdBaseDriver : public myThreadAttached {
 
   // Polling-loop steps, exposed to subclasses and tests.
   bool MayPoll() const;
+  // Waits the seconds on the monotonic clock in 2-second steps; ends early on a
+  // force-update request and at once on a stop or reload request.
   void Wait(int seconds, bool flag);
+  // Whether the meter's clock may date archive records: a clock more than 7 days away
+  // from the controller's is not used (Warning once per change of state).
+  bool MeterClockUsable(time_t meterTime);
+  // Whether the calendar clock moved by more than a minute differently from the
+  // monotonic clock since the last look.
+  bool ClockStepped();
   bool ArchivesLag();
   time_t ReadHourlyArch();
   time_t ReadDailyArch();
   void WaitVKT7();
   void WaitVKT9();
   void WaitVkt(long started, const char* name);
+  // Checks a block that the driver handed back and files what is newer than the bound
+  // on file; false when the block was not filed (the walk ends for this cycle).
+  bool FileBlock(int type, time_t from, time_t to, ParamValueList& out);
+  // Calls init() while the driver is not ready; logs each change of state.
+  bool CheckReady();
 
   std::atomic<bool> reserved_port{false};
   std::atomic<bool> turn{false};
@@ -93,4 +110,10 @@ class CMcdBaseDriver : public myThreadAttached {
   ParamMap configuration;
   bool led_indication = true;
   std::atomic<bool> archives_current{true};
+
+ private:
+  int readyState = -1;       // -1 unknown, 0 not ready, 1 ready (for the change log)
+  int meterClockState = -1;  // -1 unknown, 0 not usable, 1 usable
+  time_t lastCalendar = 0, lastMonotonic = 0;
+  bool clockSeen = false;
 };

@@ -1,10 +1,14 @@
 // The meter's file tree: directories, links, file texts, file times and flag files.
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <random>
 #include <thread>
 
+#include "server/file_util.h"
 #include "server/jsonrpc_connector.h"
 #include "server_test_util.h"
 
@@ -128,7 +132,7 @@ TEST_F(FilesTest, ArchiveLinesAndBounds) {
   EXPECT_TRUE(connector.WriteArchive({Value(14, 5, "a", t + 5), Value(15, 4, "b", t + 5), Value(16, 0, "x", t)}, 5,
                                      false));
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/_A57")), "1500000005,192,b\n");
-  EXPECT_FALSE(FileExists(root.storage("7/timestamp_max_daily")));
+  EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_daily")), "0");  // made before the first line, unchanged
   EXPECT_TRUE(connector.WriteArchive({Value(17, 5, "9", 77)}, 5, false));
   EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_daily")), "77");
   EXPECT_FALSE(connector.WriteMaxTimestamp(3, 5));
@@ -181,18 +185,113 @@ TEST_F(FilesTest, TimeFilesConnectionStateAndFlags) {
   EXPECT_FALSE(FileExists(root.tmp("extds_pause")));
 }
 
-TEST_F(FilesTest, UnusableStorageDirectoryWritesNothingAndGoesOn) {
+// A storage that is not there yet (mounted late) is used as soon as it is, without a
+// restart: the directories are made again when a write fails.
+TEST_F(FilesTest, StorageThatComesLateIsUsedWithoutRestart) {
   // The storage root lies below a plain file, so nothing there can be made, even by root.
-  mcdtest::WriteFile(root.root() + "/blocked", "");
-  setenv("MCD_STORAGE_DIR", (root.root() + "/blocked/storage/").c_str(), 1);
+  mcdtest::WriteFile(root.root() + "/late", "");
+  setenv("MCD_STORAGE_DIR", (root.root() + "/late/storage/").c_str(), 1);
   mcd::paths::Reset();
   CJSONRPCConnector connector("7", 0);
   EXPECT_FALSE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
   EXPECT_TRUE(connector.WriteItems({Value(17, 4, "1", 1000), Value(0, 0, "2", 1000)}));
-  EXPECT_TRUE(connector.WriteMaxTimestamp(4, 5));
+  EXPECT_FALSE(connector.WriteMaxTimestamp(4, 5));
   EXPECT_EQ(connector.ReadMaxTimestamp(4), 0);
-  EXPECT_EQ(ReadFile(root.root() + "/blocked"), "");
+  EXPECT_EQ(ReadFile(root.root() + "/late"), "");
   EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Q1")), "2\n");
+
+  ASSERT_EQ(unlink((root.root() + "/late").c_str()), 0);
+  EXPECT_TRUE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
+  EXPECT_EQ(ReadFile(root.root() + "/late/storage/7/1/tc_archives/A1"), "4600,192,1\n");
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1000);
+  EXPECT_EQ(Link(root.root() + "/late/storage/7/default"), root.root() + "/late/storage/7/1");
+
+  // The volatile tree removed under the daemon is made again as well.
+  ASSERT_EQ(unlink(root.tmp("7/1/tc_items/Q1").c_str()), 0);
+  ASSERT_EQ(rmdir(root.tmp("7/1/tc_items").c_str()), 0);
+  connector.SetConnectionState(true);
+  EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Connected")), "1\n");
+}
+
+// What a kill or a power loss leaves is brought into agreement with the bounds by the
+// first archive call after the start.
+TEST_F(FilesTest, StartReconcilesTheArchiveFilesWithTheBounds) {
+  const std::string a = root.storage("7/1/tc_archives/");
+  for (const std::string& dir : {a, root.storage("7/2/tc_tmp_archives/"), root.tmp("7/1/tc_items/")})
+    ASSERT_TRUE(mcd::fs::MakeDirs(dir));
+  mcdtest::WriteFile(root.storage("7/timestamp_max_hourly"), "1500003600");
+  // Kind 4 (A20): two committed lines, one of an unfinished block, a torn one.
+  mcdtest::WriteFile(a + "A20", "1500000000,192,1\n1500003600,192,2\n1500007200,192,3\n1500010800,19");
+  // Kind 3 (A1), filed an hour after its record: record 1500003600 is committed, 1500007200 not.
+  mcdtest::WriteFile(root.storage("7/2/tc_tmp_archives/A1"), "1500007200,192,a\n1500010800,192,b\n");
+  // No daily bound: it is set from the newest complete line (A48 kind 5, A29 kind 2 a day late).
+  mcdtest::WriteFile(a + "A48", "1499990400,192,x\n1500076800,192,y\n150016");
+  mcdtest::WriteFile(a + "A29", "1500163200,0,z\n");
+  mcdtest::WriteFile(a + "notes", "1600000000,1,kept");
+  // Temporary files of a write-and-rename that died; a look-alike is kept.
+  mcdtest::WriteFile(root.storage("7/.timestamp_max_hourly.tmp4242.3"), "9");
+  mcdtest::WriteFile(a + ".A20.tmp4242.0", "");
+  mcdtest::WriteFile(root.tmp("7/1/tc_items/.Q1.tmp4242.7"), "1\n");
+  mcdtest::WriteFile(root.tmp("7/1/tc_items/.Q1.tmpx.7"), "");
+
+  CJSONRPCConnector connector("7", 0);
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1500003600);
+  EXPECT_EQ(ReadFile(a + "A20"), "1500000000,192,1\n1500003600,192,2\n");
+  EXPECT_EQ(ReadFile(root.storage("7/2/tc_tmp_archives/A1")), "1500007200,192,a\n");
+  EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_daily")), "1500076800");
+  EXPECT_EQ(ReadFile(a + "A48"), "1499990400,192,x\n1500076800,192,y\n");
+  EXPECT_EQ(ReadFile(a + "A29"), "1500163200,0,z\n");
+  EXPECT_EQ(ReadFile(a + "notes"), "1600000000,1,kept");
+  EXPECT_EQ(ListDir(root.storage("7")), (Names{"1", "2", "timestamp_max_daily", "timestamp_max_hourly"}));
+  EXPECT_EQ(ListDir(a), (Names{"A20", "A29", "A48", "notes"}));
+  EXPECT_EQ(ListDir(root.tmp("7/1/tc_items")), Names{".Q1.tmpx.7"});
+
+  // An unreadable bound counts as missing; a bound of 0 means nothing was committed.
+  mcdtest::WriteFile(root.storage("7/timestamp_max_hourly"), "garbage");
+  connector.ReconcileArchives();
+  EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_hourly")), "1500003600");
+  mcdtest::WriteFile(root.storage("7/timestamp_max_daily"), "0");
+  connector.ReconcileArchives();
+  EXPECT_EQ(ReadFile(a + "A48"), "");
+  EXPECT_EQ(ReadFile(a + "A29"), "");
+  EXPECT_EQ(ReadFile(a + "A20"), "1500000000,192,1\n1500003600,192,2\n");
+}
+
+// A filer killed at random instants, again and again: after each restart the files
+// hold every block up to the bound exactly once, and nothing beyond it.
+TEST_F(FilesTest, KillAtAnyInstantFilesNothingTwiceAndLosesNothing) {
+  const time_t first = 1500000000;
+  auto block = [](time_t t) {
+    const int32_t stamp = static_cast<int32_t>(t);
+    return ParamValueList{Value(6, 4, std::to_string(t / 3600), stamp), Value(7, 4, "x", stamp, 1),
+                          Value(17, 3, "e", stamp)};
+  };
+  std::mt19937 random(20261123);
+  for (int round = 0; round < 20; ++round) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      CJSONRPCConnector filer("7", 0);
+      const long bound = filer.ReadMaxTimestamp(4);
+      for (time_t t = bound ? bound + 3600 : first;; t += 3600) filer.WriteArchive(block(t), 4, false);
+    }
+    usleep(std::uniform_int_distribution<int>(2000, 150000)(random));
+    kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  }
+  CJSONRPCConnector connector("7", 0);
+  const long bound = connector.ReadMaxTimestamp(4);
+  ASSERT_GT(bound, first + 5 * 3600);  // the filer got on between the kills
+  std::string a20, a21, a1;
+  for (time_t t = first; t <= bound; t += 3600) {
+    a20 += std::to_string(t) + ",192," + std::to_string(t / 3600) + "\n";
+    a21 += std::to_string(t) + ",192,x\n";
+    a1 += std::to_string(t + 3600) + ",192,e\n";
+  }
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), a20);
+  EXPECT_EQ(ReadFile(root.storage("7/2/tc_archives/A21")), a21);
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A1")), a1);
 }
 
 TEST_F(FilesTest, ArchiveLineThatCannotBeWrittenKeepsTheBound) {

@@ -7,35 +7,47 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <set>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "app/clock.h"
 #include "drivers/base/base_driver.h"
+#include "drivers/base/calendar.h"
 
 namespace mcdtest {
 
 // Every Sleep moves the virtual time on at once; it is a cancellation point, and it
 // yields the processor briefly so that a thread waiting for its turn does not spin.
+// The calendar clock is the monotonic one plus an offset that Step() moves, as when an
+// operator or a time service steps the controller's clock.
 class FakeClock : public mcd::Clock {
  public:
-  explicit FakeClock(time_t start) : m_now(start) {}
-  time_t Now() override { return m_now.load(); }
+  explicit FakeClock(time_t start) : m_mono(start) {}
+  time_t Now() override { return m_mono.load() + m_offset.load(); }
+  time_t Monotonic() override { return m_mono.load(); }
   void Sleep(unsigned seconds) override {
     pthread_testcancel();
-    const time_t now = m_now.fetch_add(seconds) + seconds;
+    m_mono.fetch_add(seconds);
     m_sleeps.fetch_add(1);
-    if (onSleep) onSleep(now);
+    if (onSleep) onSleep(Now());
     usleep(100);
     pthread_testcancel();
   }
-  void Set(time_t t) { m_now.store(t); }
+  void Set(time_t t) {
+    m_mono.store(t);
+    m_offset.store(0);
+  }
+  void Step(time_t delta) { m_offset.fetch_add(delta); }
   long sleeps() const { return m_sleeps.load(); }
 
   // Called on the sleeping thread with the new time; set only while no loop thread runs.
   std::function<void(time_t)> onSleep;
 
  private:
-  std::atomic<time_t> m_now;
+  std::atomic<time_t> m_mono;
+  std::atomic<time_t> m_offset{0};
   std::atomic<long> m_sleeps{0};
 };
 
@@ -60,11 +72,25 @@ class FakeDriver : public CMcdBaseDriver {
 
   // --- script ---
   Timestamps stamps;
+  std::function<time_t()> meterClock;  // the meter's time when set, else stamps.meter_time
   std::atomic<int> failTimestamps{0};  // this many GetTimestamps calls fail first
   bool fillArchives = false;           // one record per archive call, stamped `to`
   bool systemValues = false;           // a serial number as system data
+  std::atomic<bool> silent{false};     // current values come back empty
+  std::atomic<int> readyAfterInits{0};  // not ready until init() ran this often
+  // A meter with an archive: when set, an archive call walks the local hours (days)
+  // from..to; a record the meter holds gives one value (id 6), one it does not hold is
+  // skipped as the meter's explicit "no record" answer, and a record in failAt ends the
+  // call with 0 (once) as a link failure would.
+  std::function<bool(int type, time_t t)> holds;
+  std::set<std::pair<int, time_t>> failAt;
+  // Replaces the answer of an archive call when set.
+  std::function<int(const ArchCall&, ParamValueList&)> answer;
   std::function<void()> onSystem, onCurrent;
   std::function<void(const ArchCall&)> onArch;  // called before each archive answer
+
+  // The value text the meter gives for a record.
+  static std::string ValueOf(int type, time_t t) { return std::to_string(type) + "." + std::to_string(t / 60); }
 
   // --- record ---
   std::atomic<int> inits{0}, currents{0}, systems{0}, timestampCalls{0};
@@ -81,18 +107,19 @@ class FakeDriver : public CMcdBaseDriver {
 
   void SaveConnector(CConnector*) override {}
   void init() override { inits.fetch_add(1); }
+  bool IsReady() const override { return inits.load() >= readyAfterInits.load(); }
   ParamValueList get_all_system_values() override {
     systems.fetch_add(1);
     if (onSystem) onSystem();
     ParamValueList list;
-    if (systemValues) list.emplace_back(34, 7, "SN-1001", "", 192, 0, 0, static_cast<int32_t>(stamps.meter_time));
+    if (systemValues) list.emplace_back(34, 7, "SN-1001", "", 192, 0, 0, static_cast<int32_t>(MeterTime()));
     return list;
   }
   ParamValueList get_all_curtime_cur_integ_values() override {
     currents.fetch_add(1);
     if (onCurrent) onCurrent();
     ParamValueList list;
-    list.emplace_back(6, 0, "55.5", "C", 192, 0, 0, static_cast<int32_t>(stamps.meter_time));
+    if (!silent.load()) list.emplace_back(6, 0, "55.5", "C", 192, 0, 0, static_cast<int32_t>(MeterTime()));
     return list;
   }
   int GetTimestamps(Timestamps& out) override {
@@ -102,6 +129,7 @@ class FakeDriver : public CMcdBaseDriver {
       return 0;
     }
     out = stamps;
+    out.meter_time = static_cast<int32_t>(MeterTime());
     return 1;
   }
   int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override {
@@ -110,12 +138,22 @@ class FakeDriver : public CMcdBaseDriver {
       m_calls.push_back({type, from, to});
     }
     if (onArch) onArch({type, from, to});
+    if (answer) return answer({type, from, to}, out);
+    if (holds) {
+      for (time_t t = from; t <= to; t = type == ARCH_HOURLY ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t)) {
+        if (failAt.erase({type, t})) return 0;
+        if (holds(type, t)) out.emplace_back(6, type, ValueOf(type, t), "", 192, 0, 0, static_cast<int32_t>(t));
+      }
+      return 1;
+    }
     // paramId 6 is A20 in the hourly and A48 in the daily archive.
     if (fillArchives) out.emplace_back(6, type, "1.5", "t", 192, 0, 0, static_cast<int32_t>(to));
-    return fillArchives ? 0 : -1;
+    return 1;
   }
 
  private:
+  time_t MeterTime() { return meterClock ? meterClock() : stamps.meter_time; }
+
   std::mutex m_mutex;
   std::vector<ArchCall> m_calls;
 };

@@ -86,16 +86,22 @@ class PollingTest : public ::testing::Test {
   std::string m_logPath;
 };
 
+// The hourly walk asks one local day at a time: each block lies inside one day, the
+// blocks follow each other without a gap, the first starts at from and the last ends at end.
 void ExpectHourlyBlocks(const std::vector<ArchCall>& calls, time_t from, time_t end) {
   ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls.front().from, from);
+  EXPECT_EQ(calls.back().to, end);
   for (size_t i = 0; i < calls.size(); ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(calls[i].type, ARCH_HOURLY);
-    EXPECT_EQ(calls[i].from, from + static_cast<time_t>(i) * kDay);
-    EXPECT_EQ(calls[i].to, std::min(calls[i].from + 82800, end));
+    EXPECT_LE(calls[i].from, calls[i].to);
+    EXPECT_EQ(mcdtest::LocalMidnight(calls[i].from), mcdtest::LocalMidnight(calls[i].to));
+    if (i + 1 < calls.size()) {
+      EXPECT_EQ(calls[i + 1].from, calls[i].to + 3600);
+      EXPECT_NE(mcdtest::LocalMidnight(calls[i + 1].from), mcdtest::LocalMidnight(calls[i].to));
+    }
   }
-  EXPECT_LE(calls.back().from, end);
-  EXPECT_GT(calls.back().from + kDay, end);
 }
 
 TEST_F(PollingTest, ShortPeriodHoldsFirstArchivesBackLongerPeriodReadsAtOnce) {
@@ -114,73 +120,63 @@ TEST_F(PollingTest, ShortPeriodHoldsFirstArchivesBackLongerPeriodReadsAtOnce) {
   EXPECT_EQ(driver->Calls(ARCH_DAILY).size(), 1u);
 }
 
-TEST_F(PollingTest, ArchiveWindowsForMeterClockAtHalfPastTen) {
+TEST_F(PollingTest, ArchiveWindowStartsAtTheLatestOfDepthFirstRecordAndBound) {
   auto& d = Make({});
   // The local clock runs 100 s ahead of the meter: the next check is one minute past
-  // the meter's next full hour, expressed on the local clock.
+  // the meter's next full hour, 1860 s on.
   clock.Set(kMeterTime + 100);
   EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 100 + 1860);
+  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 100 + 1860);
   auto hourly = d.Calls(ARCH_HOURLY);
   EXPECT_EQ(hourly.size(), 91u);
-  ExpectHourlyBlocks(hourly, kHourEnd - kNinetyDays, kHourEnd);
-  EXPECT_EQ(hourly.back().from, kHourEnd);
-  EXPECT_EQ(hourly.back().to, kHourEnd);  // the walk ends at 09:00:00
-
-  EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 100 + 1860);
-  auto daily = d.Calls(ARCH_DAILY);
-  ASSERT_EQ(daily.size(), 1u);
-  EXPECT_EQ(daily[0].from, kDayEnd - kNinetyDays);
-  EXPECT_EQ(daily[0].to, kDayEnd);
-}
-
-TEST_F(PollingTest, FirstRecordAndLastFiledTimeRaiseTheLowerBound) {
-  auto& d = Make({});
-  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay + 3600);
-  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd - 10 * kDay);
-  d.ReadHourlyArch();
-  d.ReadDailyArch();
-  auto hourly = d.Calls(ARCH_HOURLY);
-  EXPECT_EQ(hourly.size(), 5u);
-  ExpectHourlyBlocks(hourly, d.stamps.first_hour_arch, kHourEnd);
-  EXPECT_EQ(hourly.back().to, kHourEnd);
+  ExpectHourlyBlocks(hourly, kHourEnd - kNinetyDays, kHourEnd);  // 09:00 ninety days back .. 09:00
   ASSERT_EQ(d.Calls(ARCH_DAILY).size(), 1u);
-  EXPECT_EQ(d.Calls(ARCH_DAILY)[0].from, kDayEnd - 10 * kDay);
+  EXPECT_EQ(d.Calls(ARCH_DAILY)[0].from, kDayEnd - kNinetyDays);
+  EXPECT_EQ(d.Calls(ARCH_DAILY)[0].to, kDayEnd);
 
-  // Filed up to 06:00 and two days ago: only what is newer is asked for.
+  // The meter's first records, when later; one that is not an hour (day) start is
+  // rounded up to the next.
   auto& e = Make({});
-  e.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay);
-  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, kHourEnd - 3 * 3600));
-  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, kDayEnd - 2 * kDay));
+  e.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay + 3600 + 60);
+  e.stamps.first_day_arch = static_cast<int32_t>(kDayEnd - 10 * kDay);
   e.ReadHourlyArch();
   e.ReadDailyArch();
-  auto calls = e.Calls();
+  ExpectHourlyBlocks(e.Calls(ARCH_HOURLY), kHourEnd - 5 * kDay + 7200, kHourEnd);
+  EXPECT_EQ(e.Calls(ARCH_HOURLY).size(), 6u);
+  EXPECT_EQ(e.Calls(ARCH_DAILY).at(0).from, kDayEnd - 10 * kDay);
+
+  // Filed up to 06:00 and two days ago: only what is newer is asked for.
+  auto& f = Make({});
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, kHourEnd - 3 * 3600));
+  ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, kDayEnd - 2 * kDay));
+  f.ReadHourlyArch();
+  f.ReadDailyArch();
+  auto calls = f.Calls();
   ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].type, ARCH_HOURLY);
   EXPECT_EQ(calls[0].from, kHourEnd - 2 * 3600);
   EXPECT_EQ(calls[0].to, kHourEnd);
-  EXPECT_EQ(calls[1].type, ARCH_DAILY);
   EXPECT_EQ(calls[1].from, kDayEnd - kDay);
   EXPECT_EQ(calls[1].to, kDayEnd);
 
   // Everything filed: nothing is asked, the next check is still scheduled.
-  auto& f = Make({});
+  auto& g = Make({});
   ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_HOURLY, kHourEnd));
   ASSERT_TRUE(client->WriteMaxTimestamp(ARCH_DAILY, kDayEnd));
-  EXPECT_EQ(f.ReadHourlyArch(), kMeterTime + 1860);
-  EXPECT_EQ(f.ReadDailyArch(), kMeterTime + 1860);
-  EXPECT_TRUE(f.Calls().empty());
-  EXPECT_FALSE(f.ArchivesLag());
-}
+  EXPECT_EQ(g.ReadHourlyArch(), kMeterTime + 100 + 1860);
+  EXPECT_EQ(g.ReadDailyArch(), kMeterTime + 100 + 1860);
+  EXPECT_TRUE(g.Calls().empty());
+  EXPECT_FALSE(g.ArchivesLag());
+  driver.reset();
 
-TEST_F(PollingTest, OmegaReadsSixtyDaysBack) {
+  // OMEGA-TR meters are read sixty days back.
+  unlink(root.storage("77/timestamp_max_hourly").c_str());
+  unlink(root.storage("77/timestamp_max_daily").c_str());
+  clock.Set(kMeterTime);
   Make({{"period_current", "601"}});
   Start("omega-tr");
   ASSERT_TRUE(CycleDone());
-  auto hourly = driver->Calls(ARCH_HOURLY);
-  EXPECT_EQ(hourly.size(), 61u);
-  ExpectHourlyBlocks(hourly, kHourEnd - kSixtyDays, kHourEnd);
-  ASSERT_EQ(driver->Calls(ARCH_DAILY).size(), 1u);
-  EXPECT_EQ(driver->Calls(ARCH_DAILY)[0].from, kDayEnd - kSixtyDays);
+  ExpectHourlyBlocks(driver->Calls(ARCH_HOURLY), kHourEnd - kSixtyDays, kHourEnd);
+  EXPECT_EQ(driver->Calls(ARCH_DAILY).at(0).from, kDayEnd - kSixtyDays);
 }
 
 TEST_F(PollingTest, CycleRunsStepsInOrderAndLogsEmptyResults) {
@@ -423,12 +419,12 @@ TEST_F(PollingTest, ArchiveBlockThatCannotBeFiledEndsTheWalkUntilTheNextCycle) {
   EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 1u);
   EXPECT_EQ(client->ReadMaxTimestamp(ARCH_HOURLY), 0);
   EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), 0);
+  for (const char* name : {"A20", "A48"})
+    EXPECT_EQ(Count("cannot write " + root.storage("77/1/tc_archives/") + name + ": Not a directory"), 1u);
 
-  // writable again (the directory comes back as it was): the walk starts over from
-  // the first record and files every block
+  // The obstacle goes: the directory is made again without a restart, and the walk
+  // starts over from the first record and files every block.
   unlink(root.storage("77/1").c_str());
-  mkdir(root.storage("77/1").c_str(), 0755);
-  mkdir(root.storage("77/1/tc_archives").c_str(), 0755);
   EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 1860);
   EXPECT_EQ(d.ReadDailyArch(), kMeterTime + 1860);
   auto hourly = d.Calls(ARCH_HOURLY);
@@ -463,6 +459,164 @@ TEST_F(PollingTest, StorageBackDuringTheWalkFilesNothingTwice) {
   const std::vector<std::string> lines = mcdtest::ReadLines(root.storage("77/1/tc_archives/A20"));
   ASSERT_EQ(lines.size(), 3u);
   for (const std::string& line : lines) EXPECT_GT(atol(line.c_str()), filed) << line;
+}
+
+// Local times in Europe/Berlin for the invariant run (the autumn change is on
+// 2026-10-25: 03:00 CEST becomes 02:00 CET).
+constexpr time_t kBerlinMeterStart = 1793007000;  // 2026-10-26 10:30 CET
+constexpr time_t kBerlinFirstHour = 1792706400;   // 2026-10-23 00:00 CEST
+constexpr time_t kBerlinFirstDay = 1792447200;    // 2026-10-20 00:00 CEST
+constexpr time_t kBerlinNoHour = 1792810800;      // 2026-10-24 05:00 CEST, not held
+constexpr time_t kBerlinFailHour = 1792839600;    // 2026-10-24 13:00 CEST, fails once
+constexpr time_t kBerlinNoDay = 1792620000;       // 2026-10-22, not held
+constexpr time_t kBerlinFailDay = 1792706400;     // 2026-10-23, fails once
+
+// Every record the meter holds is filed exactly once, in time order, with its value,
+// across a walk that fails in the middle, a record the meter does not hold, a driver
+// that is not ready for its first turns, controller clock steps back and forward (and
+// one too far for the meter's clock to be used) and a daylight-saving change.
+TEST_F(PollingTest, EveryHeldRecordIsFiledOnceWhateverHappens) {
+  mcdtest::ZoneScope zone("Europe/Berlin");
+  clock.Set(kBerlinMeterStart);
+  auto& d = Make({{"period_current", "601"}});
+  d.meterClock = [this] { return clock.Monotonic(); };  // the meter's clock never steps
+  d.stamps.first_hour_arch = static_cast<int32_t>(kBerlinFirstHour);
+  d.stamps.first_day_arch = static_cast<int32_t>(kBerlinFirstDay);
+  d.holds = [](int type, time_t t) { return t != (type == ARCH_HOURLY ? kBerlinNoHour : kBerlinNoDay); };
+  d.failAt = {{ARCH_HOURLY, kBerlinFailHour}, {ARCH_DAILY, kBerlinFailDay}};
+  d.readyAfterInits = 4;  // init at start, again at start and on the first turn: not yet
+  std::atomic<int> askedBeforeReady{0};
+  d.onArch = [&](const ArchCall&) { askedBeforeReady += driver->inits.load() < 4; };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(Item("T1"), "");  // not ready: nothing published
+  for (int cycle = 1; cycle <= 30; ++cycle) {
+    if (cycle == 5) clock.Step(3 * 3600);
+    if (cycle == 8) clock.Step(-10 * kDay);  // the meter's clock is now 10 days off
+    if (cycle == 12) clock.Step(10 * kDay);
+    if (cycle == 18) clock.Step(-kDay);  // and stays a day behind
+    ASSERT_TRUE(NextCycle()) << cycle;
+  }
+  const time_t meterNow = clock.Monotonic();
+  driver.reset();
+
+  EXPECT_EQ(askedBeforeReady.load(), 0);
+  EXPECT_TRUE(d.failAt.empty());  // both failures were met
+  EXPECT_EQ(Count("driver not ready"), 1u);
+  EXPECT_EQ(Count("the driver is ready"), 1u);
+  EXPECT_EQ(Count("is over 7 days from"), 1u);
+  EXPECT_EQ(Count("walk stopped at a failure"), 2u);
+
+  // What the meter holds from its first record up to the last complete hour (day)
+  // before its clock, in the zone's own labels, against what is on file.
+  auto expected = [&](int type, time_t first, time_t last) {
+    std::vector<std::string> lines;
+    for (time_t t = first; t <= last;
+         t = type == ARCH_HOURLY ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t))
+      if (t != (type == ARCH_HOURLY ? kBerlinNoHour : kBerlinNoDay))
+        lines.push_back(std::to_string(t) + ",192," + FakeDriver::ValueOf(type, t));
+    return lines;
+  };
+  const time_t hourBound = client->ReadMaxTimestamp(ARCH_HOURLY);
+  EXPECT_GE(hourBound, mcd::cal::PrevHour(meterNow) - 3600);
+  const auto hourly = expected(ARCH_HOURLY, kBerlinFirstHour, hourBound);
+  // 23, 24 and 25 October have 24 local hours each (the repeated 02:00 is one record),
+  // then the hours of 26 October from 00:00 CET (23:00 UTC), less the one not held.
+  EXPECT_EQ(hourly.size(), static_cast<size_t>(24 * 3 + (hourBound - 1792969200) / 3600 + 1 - 1));
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")), hourly);
+  EXPECT_EQ(client->ReadMaxTimestamp(ARCH_DAILY), mcd::cal::PrevDay(meterNow));
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A48")),
+            expected(ARCH_DAILY, kBerlinFirstDay, mcd::cal::PrevDay(meterNow)));
+}
+
+TEST_F(PollingTest, MeterClockFarAwayStopsArchivesAndConnectedFollowsTheAnswers) {
+  auto& d = Make({{"period_current", "601"}});
+  d.fillArchives = true;
+  d.silent = true;
+  std::atomic<time_t> ahead{7 * kDay + 1};
+  d.meterClock = [&] { return clock.Now() + ahead.load(); };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  EXPECT_TRUE(driver->Calls().empty());
+  EXPECT_EQ(driver->currents.load(), 1);
+  EXPECT_EQ(Item("Connected"), "0\n");  // no current values: the meter did not answer
+  ASSERT_TRUE(NextCycle());
+  EXPECT_TRUE(driver->Calls().empty());
+  EXPECT_EQ(Count("is over 7 days from"), 1u);  // once per change of state
+
+  // Seven days exactly is still usable; the meter answers again.
+  ahead = 7 * kDay;
+  driver->silent = false;
+  ASSERT_TRUE(NextCycle());
+  EXPECT_FALSE(driver->Calls().empty());
+  EXPECT_EQ(Item("Connected"), "1\n");
+  EXPECT_EQ(Count("agrees with the controller clock again"), 1u);
+  driver->silent = true;
+  ASSERT_TRUE(NextCycle());
+  EXPECT_EQ(Item("Connected"), "0\n");
+  driver.reset();
+}
+
+// A reload request ends the walk at the next block boundary, after the block in hand
+// is filed, and the driver gives the turn back without waiting out its period.
+TEST_F(PollingTest, ReloadEndsTheWalkAtABlockBoundaryAndTheWaitAtOnce) {
+  auto& d = Make({{"period_current", "601"}});
+  d.fillArchives = true;
+  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 4 * kDay);
+  d.onArch = [&](const ArchCall&) {
+    if (driver->Calls().size() == 3) mcd::RequestReload();
+  };
+  Start("tem-104");
+  ASSERT_TRUE(CycleDone());
+  const long sleeps = clock.sleeps();
+  usleep(200000);
+  EXPECT_EQ(clock.sleeps(), sleeps);  // no period wait, no turn wait on the clock
+  EXPECT_EQ(clock.Monotonic(), kMeterTime);
+  EXPECT_EQ(driver->Calls().size(), 3u);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")).size(), 3u);
+  mcd::ClearReloadRequest();
+
+  ASSERT_TRUE(NextCycle());  // the walk goes on where it stopped
+  auto hourly = driver->Calls(ARCH_HOURLY);
+  ASSERT_EQ(hourly.size(), 5u);
+  ExpectHourlyBlocks(hourly, kHourEnd - 4 * kDay, kHourEnd);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A20")).size(), 5u);
+}
+
+// A block whose records are out of order, repeated, off the hour or outside what was
+// asked is not filed, and the walk ends there.
+TEST_F(PollingTest, BlockThatBreaksTheRecordRulesIsNotFiled) {
+  const struct {
+    const char* what;
+    std::vector<time_t> times;
+  } cases[] = {
+      {"off the hour", {kHourEnd - 3600, kHourEnd - 1800}},
+      {"repeated", {kHourEnd - 3600, kHourEnd - 3600}},
+      {"backwards", {kHourEnd, kHourEnd - 3600}},
+      {"outside the range", {kHourEnd + 3600}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto& d = Make({});
+    d.answer = [&c](const ArchCall&, ParamValueList& out) {
+      for (time_t t : c.times) out.emplace_back(6, ARCH_HOURLY, "1", "", 192, 0, 0, static_cast<int32_t>(t));
+      return 1;
+    };
+    d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 2 * kDay);
+    EXPECT_EQ(d.ReadHourlyArch(), kMeterTime + 10);
+    EXPECT_EQ(d.Calls().size(), 1u);
+    EXPECT_FALSE(mcdtest::FileExists(root.storage("77/1/tc_archives/A20")));
+  }
+  EXPECT_EQ(Count("block not filed."), 4u) << Log();
+  // The same times for two parameters, each in order, are fine.
+  auto& e = Make({});
+  e.answer = [](const ArchCall& call, ParamValueList& out) {
+    for (int id : {6, 7}) out.emplace_back(id, ARCH_HOURLY, "1", "", 192, 0, 0, static_cast<int32_t>(call.from));
+    return 1;
+  };
+  e.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd);
+  EXPECT_EQ(e.ReadHourlyArch(), kMeterTime + 1860);
+  EXPECT_EQ(mcdtest::ReadLines(root.storage("77/1/tc_archives/A21")).size(), 1u);
 }
 
 }  // namespace

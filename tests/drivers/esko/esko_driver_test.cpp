@@ -372,7 +372,7 @@ TEST(EskoDriverArchive, ImpossibleOrDistantMeterClockIsNotUsed) {
   Rig rig;
   rig.meter.Hold(Local(2024, 3, 5, 5), Local(2024, 3, 5, 11));
   const unsigned char zero[6] = {0x00, 0x00, 0x00, 0x00, 0x00, 0x00};  // 00.00.2000 00:00:00
-  const unsigned char april31[6] = {0x24, 0x04, 0x31, 0x10, 0x00, 0x00};
+  const unsigned char feb30[6] = {0x24, 0x02, 0x30, 0x10, 0x00, 0x00};  // mktime would make it 01.03
   Timestamps ts;
   LogMark log;
   rig.meter.clockBytes = zero;
@@ -380,7 +380,7 @@ TEST(EskoDriverArchive, ImpossibleOrDistantMeterClockIsNotUsed) {
   EXPECT_EQ(rig.Timestamps(ts), 0);
   EXPECT_EQ(log.Count("meter clock 00.00.2000 00:00:00 is not a valid date"), 1u);
   EXPECT_FALSE(rig.driver.get_all_curtime_cur_integ_values().empty());
-  rig.meter.clockBytes = april31;
+  rig.meter.clockBytes = feb30;
   EXPECT_EQ(rig.Timestamps(ts), 0);
   rig.meter.clockBytes = nullptr;
   rig.meter.clock = rig.clock.now + 7 * 86400 + 3600;

@@ -124,9 +124,10 @@ TEST_F(Vkt7SimTest, AWalkSkipsAHoleAndEndsAtAFailureToResumeThere) {
   LogCapture log(logger::TL_WARNING);
   const std::string control = root.root() + "/control.json";
   const time_t first = mcdtest::LocalHourStart(time(nullptr)) - 8 * 3600;
-  // no record at first + 1 h; the fourth record read is answered with error code 2
+  // no record at first + 1 h; the fourth record read is answered with error code 2,
+  // the ninth date written with error code 5
   Start({"--control", control, "--first-hour", std::to_string(first), "--holes", std::to_string(first + 3600),
-         "--error2-reads", "4"});
+         "--error2-reads", "4", "--date-errors", "9:5"});
   mcdtest::WriteFile(control, "{\"bad_checksum\": true}");
   driver->init();
   EXPECT_FALSE(driver->IsReady());
@@ -152,7 +153,10 @@ TEST_F(Vkt7SimTest, AWalkSkipsAHoleAndEndsAtAFailureToResumeThere) {
   Timestamps stamps;
   ASSERT_NE(driver->GetTimestamps(stamps), 0);
   EXPECT_EQ(stamps.first_hour_arch, first);
-  ExpectWalk(4, first + 4 * 3600, first + 6 * 3600, 1, 3);
+  // the date of first + 5 h is answered with code 5: the walk ends there again
+  ExpectWalk(4, first + 4 * 3600, first + 6 * 3600, 0, 1);
+  ASSERT_NE(driver->GetTimestamps(stamps), 0);
+  ExpectWalk(4, first + 5 * 3600, first + 6 * 3600, 1, 2);
 
   // a link failure ends the walk as well
   mcdtest::WriteFile(control, "{\"bad_checksum\": true}");
@@ -220,6 +224,10 @@ struct ZoneCase {
   int year, month, day;  // the hourly walk starts at 00:00 of this day and lasts 5 hours
   size_t hours;          // local hours in those 5 hours
 };
+
+void PrintTo(const ZoneCase& c, std::ostream* os) {
+  *os << c.tz << " " << c.year << "-" << c.month << "-" << c.day;
+}
 
 class Vkt7CalendarTest : public Vkt7SimTest, public ::testing::WithParamInterface<ZoneCase> {
  protected:
