@@ -7,13 +7,13 @@ every archive file with the records the simulated meters hold.
 
 For each seed (everything below is drawn from random.Random(seed)):
 - a time zone out of ZONES, for the controller and the meters alike;
-- the meters' clock: placed some hours after a daylight-saving change of that zone
-  within the past year (any instant of the past year in a zone without one), a few
+- the meters' clock: placed in the first hours of the day after a daylight-saving
+  change of that zone within the past year (any instant of the past year in a zone without one), a few
   minutes into an hour so that no hour begins while the scenario runs; the controller's
   calendar clock is put on the same time through MCD_CLOCK_OFFSET_FILE;
 - two lines, each with its own daemon (one process serves one serial line): a VKT-7 and
-  an ESKO line with an MTR-06 and a TM-3E, each holding 26 to 34 hourly and three to
-  four daily records, so the change (4 to 20 hours back) lies inside the archive;
+  an ESKO line with an MTR-06 and a TM-3E, each holding hourly records from a few
+  hours before the change and three to four daily records;
 - records the meters do not hold (VKT-7 holes, ESKO gaps: an explicit no-record answer)
   and VKT-7 archive reads answered with error code 2;
 - during the backfill, on each line, a random sequence of: silence, garbage, wrong
@@ -290,7 +290,9 @@ def run_seed(seed, args):
     changes = utc_offset_changes(now - 365 * 86400, now - 7 * 86400)
     if changes:
         change = rng.choice(changes)
-        meter_now = change + rng.randint(4, 20) * 3600
+        # on one of the first hours of the day after the change, so that the day of the
+        # change is a complete daily record and the change lies among the hourly ones
+        meter_now = day_start(change + 26 * 3600) + rng.randint(0, 8) * 3600
     else:
         change = None
         meter_now = now - rng.randint(7, 300) * 86400
@@ -305,7 +307,9 @@ def run_seed(seed, args):
     env = dict(os.environ)
     env.update({"TZ": zone, "MCD_TIME_SCALE": str(args.scale), "MCD_SERVER_URL": "http://127.0.0.1:%d/" % port})
 
-    hours = rng.randint(26, 34)
+    # enough hourly records to reach back past the change
+    back = (hour_start(meter_now) - change) // 3600 if change else rng.randint(20, 30)
+    hours = back + rng.randint(2, 5)
     days = rng.randint(3, 4)
     first_hour = hour_start(meter_now) - hours * 3600
     first_day = day_start(day_start(meter_now) - days * 86400 + 7200)
@@ -320,13 +324,13 @@ def run_seed(seed, args):
     esko_meters = [("201", 1, "esko-mtr-06", "mtr06"), ("202", 2, "esko-tm3", "tm3e")]
     esko_specs = []
     for ident, address, _, model in esko_meters:
-        esko_specs += ["--meter", "%d:%s:%d:%d" % (address, model, rng.randint(26, 34), rng.randint(3, 4))]
+        esko_specs += ["--meter", "%d:%s:%d:%d" % (address, model, back + rng.randint(2, 5), rng.randint(3, 4))]
     esko = Line("esko", work, args.binary, env, {m[0]: str(m[1]) for m in esko_meters},
                 [os.path.join(TOOLS, "esko_sim.py")] + esko_specs, random.Random(seed * 7919 + 2))
     # gaps of the ESKO meters (answered "no record"), and the ESKO meter faults: error
     # answers to the find request in the middle of a walk, a clock that reads nonsense,
     # a clock days away from the controller's
-    esko.base_control = {"no_record": [hour_start(meter_now) - rng.randint(2, 24) * 3600
+    esko.base_control = {"no_record": [hour_start(meter_now) - rng.randint(2, back + 1) * 3600
                                        for _ in range(rng.randint(0, 2))]}
     esko.meter_faults = [
         ("error answers", {"error_code": rng.choice((1, 2, 4, 5, 6, 7)), "error_every": rng.randint(2, 5)}),
@@ -446,7 +450,7 @@ def main():
     parser.add_argument("--binary", required=True, help="the mcd_main binary")
     parser.add_argument("--work", required=True, help="folder for the runs' files (seed-N below it)")
     parser.add_argument("--scale", type=int, default=1800, help="MCD_TIME_SCALE of the daemons")
-    parser.add_argument("--fault-seconds", type=float, default=20, help="how long faults are played")
+    parser.add_argument("--fault-seconds", type=float, default=15, help="how long faults are played")
     parser.add_argument("--catch-up-seconds", type=int, default=90, help="time allowed to catch up")
     parser.add_argument("seeds", nargs="+", type=int)
     args = parser.parse_args()
