@@ -134,6 +134,7 @@ class Line:
         self.started = time.monotonic()
         self.faults = 0
         self.faults_in_backfill = 0
+        self.ended_by_itself = 0
 
     def note(self, text):
         self.events.append("%.1fs %s" % (time.monotonic() - self.started, text))
@@ -278,6 +279,7 @@ class Line:
                 time.sleep(hold)
             if self.daemon.poll() is not None:
                 self.note("daemon ended by itself with status %s; restarted" % self.daemon.returncode)
+                self.ended_by_itself += 1
                 self.start_daemon()
 
 
@@ -388,6 +390,8 @@ def run_seed(seed, args):
             line.set_faults()
             write_atomic(line.offset_file, str(offset))
             if line.daemon.poll() is not None:
+                line.note("daemon ended by itself with status %s; restarted" % line.daemon.returncode)
+                line.ended_by_itself += 1
                 line.start_daemon()
         reach = {line.name: line.reach(healthy_meter_time) for line in lines}
         healthy = time.monotonic()
@@ -401,6 +405,12 @@ def run_seed(seed, args):
             status = line.stop_daemon()
             if status != 0:
                 problems.append("%s: the daemon ended with status %s on SIGTERM" % (line.name, status))
+            if line.ended_by_itself:
+                problems.append("%s: the daemon ended %d times without being killed" % (line.name, line.ended_by_itself))
+            with open(os.path.join(line.root, "daemon.log"), encoding="utf-8", errors="replace") as f:
+                reports = [l.rstrip() for l in f if "Sanitizer" in l or "runtime error:" in l]
+            if reports:
+                problems.append("%s: sanitizer reports in daemon.log:\n%s" % (line.name, "\n".join(reports[:10])))
         for line in lines:
             line.stop_sim()
             with open(line.held, encoding="utf-8") as f:
