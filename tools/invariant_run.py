@@ -461,7 +461,7 @@ def main():
     parser.add_argument("--work", required=True, help="folder for the runs' files (seed-N below it)")
     parser.add_argument("--scale", type=int, default=1800, help="MCD_TIME_SCALE of the daemons")
     parser.add_argument("--fault-seconds", type=float, default=15, help="how long faults are played")
-    parser.add_argument("--catch-up-seconds", type=int, default=90, help="time allowed to catch up")
+    parser.add_argument("--catch-up-seconds", type=int, default=150, help="time allowed to catch up")
     parser.add_argument("seeds", nargs="+", type=int)
     args = parser.parse_args()
     passed = failed = 0
