@@ -53,6 +53,7 @@ import json
 import os
 import struct
 import sys
+import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -358,7 +359,16 @@ class Vkt7:
         self.first_day = args.first_day if args.first_day is not None else day_start(day_start(now) - 3 * 86400 + 7200)
         self.held_key = None
         self.hours, self.days = {}, {}
+        self.lock = threading.Lock()
         self.refresh()
+        # the held archive grows with the meter's clock, whether the daemon asks or not
+        threading.Thread(target=self.refresh_every, args=(5.0,), daemon=True).start()
+
+    def refresh_every(self, seconds):
+        while True:
+            time.sleep(seconds)
+            with self.lock:
+                self.refresh()
 
     def now(self):
         return int(time.time()) + self.args.clock_offset
@@ -457,7 +467,11 @@ class Vkt7:
         if crc16(body) != request[-2] | (request[-1] << 8):
             self.log("bad checksum, no answer")
             return None
-        self.refresh()
+        with self.lock:
+            self.refresh()
+            return self.on_request(request)
+
+    def on_request(self, request):
         function = request[3]
         reg = (request[4] << 8) | request[5]
         if function == 0x03:

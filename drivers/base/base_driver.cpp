@@ -277,9 +277,9 @@ void CMcdBaseDriver::WaitVKT9() {
   if (client) WaitVkt(client->ReadVKT9Timestamp(), "WaitVKT9");
 }
 
-bool CMcdBaseDriver::CheckReady() {
+bool CMcdBaseDriver::CheckReady(bool retry) {
   bool ready = IsReady();
-  if (!ready) {
+  if (!ready && retry) {
     init();
     ready = IsReady();
   }
@@ -343,7 +343,7 @@ void CMcdBaseDriver::functionThread() {
   init();
   bool systemRead = false;
   bool answered = false;
-  if (CheckReady()) {
+  if (CheckReady(false)) {
     ParamValueList system = get_all_system_values();
     systemRead = true;
     answered = !system.empty();
@@ -376,7 +376,7 @@ void CMcdBaseDriver::functionThread() {
     // The pause files are looked at anew before each step, so a pause that starts in
     // the middle of a cycle skips only what remains of it.
     if (MayPoll()) {
-      if (CheckReady()) {
+      if (CheckReady(true)) {
         if (!systemRead) {
           ParamValueList system = get_all_system_values();
           systemRead = true;

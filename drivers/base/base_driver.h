@@ -101,8 +101,9 @@ class CMcdBaseDriver : public myThreadAttached {
   // Checks a block that the driver handed back and files what is newer than the bound
   // on file; false when the block was not filed (the walk ends for this cycle).
   bool FileBlock(int type, time_t from, time_t to, ParamValueList& out);
-  // Calls init() while the driver is not ready; logs each change of state.
-  bool CheckReady();
+  // Whether the driver is ready; with retry, calls init() first when it is not. Logs
+  // each change of state.
+  bool CheckReady(bool retry);
 
   std::atomic<bool> reserved_port{false};
   std::atomic<bool> turn{false};

@@ -118,11 +118,15 @@ CEskoDriver::RecordOutcome CEskoDriver::FindArchDate(int eskoKind, const cal::La
   unsigned char* img = eskoKind == 0 ? m_img.A3 : m_img.A31;
   PatchDate(img, eskoKind, label);
   ReplyView v;
-  try {
-    v = Send(img, "FindArchDate");
-  } catch (const CDisconnectException&) {
-    if (m_link && m_link->LastError() == kNoRecordCode) return kRecordAbsent;
-    throw;
+  // An error answer is not covered by the link's checksum test, so a damaged answer can
+  // read as "no record"; only a second such answer in a row is taken as the meter's word.
+  for (int ask = 0; ask < 2 && v.empty(); ++ask) {
+    try {
+      v = Send(img, "FindArchDate");
+    } catch (const CDisconnectException&) {
+      if (!m_link || m_link->LastError() != kNoRecordCode) throw;
+      if (ask == 1) return kRecordAbsent;
+    }
   }
   if (v.empty() || v.length <= 12) {
     LOG_ERR("%sFindArchRecNum - NOT ENOUGH DATA returned: %d !!!\r\n", m_info.driverPrefix, v.length);
@@ -255,10 +259,8 @@ bool CEskoDriver::HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest) {
   return found == kRecordOk;
 }
 
-time_t CEskoDriver::ClaimedOldest(int eskoKind, time_t newest, unsigned rest) const {
-  const time_t limit = Start(eskoKind, newest - kSearchDepth);
-  time_t t = newest;
-  for (unsigned i = 0; i < rest && t > limit; ++i) t = Prev(eskoKind, t);
+time_t CEskoDriver::StepBack(int eskoKind, time_t t, unsigned count, time_t limit) const {
+  for (unsigned i = 0; i < count && t > limit; ++i) t = Prev(eskoKind, t);
   return t;
 }
 
@@ -272,6 +274,18 @@ time_t CEskoDriver::Bisect(int eskoKind, time_t without, time_t with) {
     else
       without = mid;
   }
+}
+
+// From a record known held, back in steps that double (1, 2, 4, ... records) until one
+// is not held or the limit is reached, then bisection: a meter holding a few records
+// more than it claims costs a few requests.
+time_t CEskoDriver::GallopBack(int eskoKind, time_t with, time_t limit) {
+  for (unsigned step = 1; with > limit; step *= 2) {
+    const time_t back = StepBack(eskoKind, with, step, limit);
+    if (!HoldsRecord(eskoKind, back, nullptr)) return Bisect(eskoKind, back, with);
+    with = back;
+  }
+  return with;
 }
 
 // The "record rest" of the find answer is taken as a first guess only: the guess is
@@ -292,15 +306,11 @@ time_t CEskoDriver::FindOldest(int eskoKind, time_t meterTime) {
   if (known && known < newest) {
     oldest = Bisect(eskoKind, known, newest);
   } else {
-    const time_t claimed = ClaimedOldest(eskoKind, newest, rest);
+    const time_t claimed = StepBack(eskoKind, newest, rest, limit);
     if (claimed != newest && !HoldsRecord(eskoKind, claimed, nullptr))
       oldest = Bisect(eskoKind, claimed, newest);
-    else if (claimed <= limit || !HoldsRecord(eskoKind, Prev(eskoKind, claimed), nullptr))
-      oldest = claimed;
-    else if (HoldsRecord(eskoKind, limit, nullptr))
-      oldest = limit;
     else
-      oldest = Bisect(eskoKind, limit, Prev(eskoKind, claimed));
+      oldest = GallopBack(eskoKind, claimed, limit);
   }
   const cal::Label o = cal::LocalLabel(oldest);
   LOG_INFO("min %s arch - %02d.%02d.%04d %02d:00 \r\n", eskoKind == 0 ? "hour" : "day", o.day, o.month, o.year,

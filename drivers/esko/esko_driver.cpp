@@ -186,6 +186,29 @@ void CEskoDriver::FillUnits() {
   for (const auto& u : kUnits) m_units[u.code] = u.text;
 }
 
+namespace {
+double U16(const ReplyView& v, int at) { return static_cast<double>((v.data[at] << 8) | v.data[at + 1]); }
+bool Usable(const ReplyView& v) { return !v.empty() && v.length > 12; }
+}  // namespace
+
+void CEskoDriver::ParseModel(const ReplyView& v) {
+  const char* p = m_info.initPrefix;
+  if (!Usable(v)) return;
+  CMeterBuffer c = Cursor(v);
+  c += 8;
+  const unsigned model = v.data[5], addr = v.data[6], statVer = v.data[7];
+  m_workOffsetHours = static_cast<uint32_t>(ReadBCD(c, 3, "GetModel"));
+  LOG_INFO("%sInit:Model %u, net_addr %u, work offset(hours) %u (%lu sec), stat ver 0x%02x", p, model, addr,
+           m_workOffsetHours, static_cast<unsigned long>(m_workOffsetHours) * 3600ul, statVer);
+  m_model = static_cast<uint16_t>(model);
+  if (model != 96) LOG_CRIT("%sInit:Model is wrong for addr %u: %u, need 96!!!\r\n", p, addr, model);
+  const bool is4x = (statVer >> 4) == 4;
+  if (!m_info.statVer4x && is4x)
+    LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, is this TM-3E ???\r\n", p, addr, statVer);
+  if (m_info.statVer4x && !is4x)
+    LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, need 0x4x!!!\r\n", p, addr, statVer);
+}
+
 void CEskoDriver::init() {
   for (auto& s : m_sys) s = SystemState();
   m_firstHour = m_firstDay = 0;
@@ -215,22 +238,7 @@ void CEskoDriver::init() {
   }
   try {
     LOG_INFO("%sInit: ask Model\r", p);
-    ReplyView v = ReadR(0x0010, "GetModel");
-    if (!v.empty() && v.length > 12) {
-      CMeterBuffer c = Cursor(v);
-      c += 8;
-      const unsigned model = v.data[5], addr = v.data[6], statVer = v.data[7];
-      m_workOffsetHours = static_cast<uint32_t>(ReadBCD(c, 3, "GetModel"));
-      LOG_INFO("%sInit:Model %u, net_addr %u, work offset(hours) %u (%lu sec), stat ver 0x%02x", p, model, addr,
-               m_workOffsetHours, static_cast<unsigned long>(m_workOffsetHours) * 3600ul, statVer);
-      m_model = static_cast<uint16_t>(model);
-      if (model != 96) LOG_CRIT("%sInit:Model is wrong for addr %u: %u, need 96!!!\r\n", p, addr, model);
-      const bool is4x = (statVer >> 4) == 4;
-      if (!m_info.statVer4x && is4x)
-        LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, is this TM-3E ???\r\n", p, addr, statVer);
-      if (m_info.statVer4x && !is4x)
-        LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, need 0x4x!!!\r\n", p, addr, statVer);
-    }
+    ParseModel(ReadR(0x0010, "GetModel"));
   } catch (const std::exception& e) {
     LOG_ERR("%sInit: model not read: %s\r\n", p, e.what());
   }
@@ -268,82 +276,91 @@ void CEskoDriver::CalcReal(bool max) {
               m_sys[1].gminM1, m_sys[2].gminM1, m_sys[0].gminM2, m_sys[1].gminM2, m_sys[2].gminM2);
 }
 
+void CEskoDriver::ParseCircuits(const ReplyView& v) {
+  if (!Usable(v)) return;
+  for (int s = 0; s < 3; ++s) {
+    m_sys[s].circuit = v.data[5 + s];
+    m_sys[s].mode = v.data[8 + s];
+    m_sys[s].haveCircuit = true;
+  }
+  LOG_DEBUG("GetSystemData: Kontur type %d,%d,%d, modif %d,%d,%d, KontON = x%02x \r\n", v.data[5], v.data[6],
+            v.data[7], v.data[8], v.data[9], v.data[10], v.data[11]);
+}
+
+void CEskoDriver::ParseRanges(const ReplyView& v, bool third) {
+  if (!Usable(v)) return;
+  if (third) {
+    m_sys[2].rangeM1 = U16(v, 5) / 10;
+    m_sys[2].rangeM2 = U16(v, 7) / 10;
+    LOG_DEBUG("GetSystemData: TS3: M1range(m3h) %g, M2range(m3h) %g \r\n", m_sys[2].rangeM1, m_sys[2].rangeM2);
+    return;
+  }
+  m_sys[0].rangeM1 = U16(v, 5) / 10;
+  m_sys[1].rangeM1 = U16(v, 7) / 10;
+  m_sys[0].rangeM2 = U16(v, 9) / 10;
+  m_sys[1].rangeM2 = U16(v, 11) / 10;
+  LOG_DEBUG("GetSystemData: TS[1,2]: M1range(m3h) %g,%g, M2range(m3h) %g,%g \r\n", m_sys[0].rangeM1,
+            m_sys[1].rangeM1, m_sys[0].rangeM2, m_sys[1].rangeM2);
+}
+
+void CEskoDriver::ParseLimits(const ReplyView& v, bool max) {
+  if (!Usable(v)) return;
+  for (int s = 0; s < 3; ++s) {
+    if (max) {
+      // Gmax comes in whole percent, unlike Gmin.
+      m_sys[s].gmaxM1Pct = v.data[5 + s];
+      m_sys[s].gmaxM2Pct = v.data[8 + s];
+      m_sys[s].haveGmax = true;
+    } else {
+      m_sys[s].gminM1Pct = v.data[5 + s] / 20.0;
+      m_sys[s].gminM2Pct = v.data[8 + s] / 20.0;
+      m_sys[s].haveGmin = true;
+    }
+  }
+  if (max)
+    LOG_DEBUG("GetSystemData: M1max(%%) %g,%g,%g, M2max %g,%g,%g \r\n", m_sys[0].gmaxM1Pct, m_sys[1].gmaxM1Pct,
+              m_sys[2].gmaxM1Pct, m_sys[0].gmaxM2Pct, m_sys[1].gmaxM2Pct, m_sys[2].gmaxM2Pct);
+  else
+    LOG_DEBUG("GetSystemData: M1min(%%) %g,%g,%g, M2min(%%) %g,%g,%g \r\n", m_sys[0].gminM1Pct, m_sys[1].gminM1Pct,
+              m_sys[2].gminM1Pct, m_sys[0].gminM2Pct, m_sys[1].gminM2Pct, m_sys[2].gminM2Pct);
+  CalcReal(max);
+}
+
+void CEskoDriver::ParseDN(const ReplyView& v, bool third) {
+  if (!Usable(v)) return;
+  if (third) {
+    m_sys[2].dn1 = U16(v, 5);
+    m_sys[2].dn2 = U16(v, 7);
+    m_sys[2].haveDN = true;
+    LOG_DEBUG("GetSystemData: TS3: DN1 %g, DN2 %g \r\n", m_sys[2].dn1, m_sys[2].dn2);
+    return;
+  }
+  m_sys[0].dn1 = U16(v, 5);
+  m_sys[1].dn1 = U16(v, 7);
+  m_sys[0].dn2 = U16(v, 9);
+  m_sys[1].dn2 = U16(v, 11);
+  m_sys[0].haveDN = m_sys[1].haveDN = true;
+  LOG_DEBUG("GetSystemData: TS[1,2]: DN1 %g,%g, DN2 %g,%g \r\n", m_sys[0].dn1, m_sys[1].dn1, m_sys[0].dn2,
+            m_sys[1].dn2);
+}
+
 bool CEskoDriver::GetSystemData() {
   const char* fn = "GetSystemData";
-  auto u16 = [](const ReplyView& v, int at) { return static_cast<double>((v.data[at] << 8) | v.data[at + 1]); };
   try {
     LOG_DEBUG("GetSystemData: ask Kontur Type\r");
-    ReplyView v = ReadR(0x50, fn);
-    if (!v.empty() && v.length > 12) {
-      for (int s = 0; s < 3; ++s) {
-        m_sys[s].circuit = v.data[5 + s];
-        m_sys[s].mode = v.data[8 + s];
-        m_sys[s].haveCircuit = true;
-      }
-      LOG_DEBUG("GetSystemData: Kontur type %d,%d,%d, modif %d,%d,%d, KontON = x%02x \r\n", v.data[5], v.data[6],
-                v.data[7], v.data[8], v.data[9], v.data[10], v.data[11]);
-    }
+    ParseCircuits(ReadR(0x50, fn));
     LOG_DEBUG("GetSystemData: ask G range for TS[1,2]\r");
-    v = ReadR(0x81, fn);
-    if (!v.empty() && v.length > 12) {
-      m_sys[0].rangeM1 = u16(v, 5) / 10;
-      m_sys[1].rangeM1 = u16(v, 7) / 10;
-      m_sys[0].rangeM2 = u16(v, 9) / 10;
-      m_sys[1].rangeM2 = u16(v, 11) / 10;
-      LOG_DEBUG("GetSystemData: TS[1,2]: M1range(m3h) %g,%g, M2range(m3h) %g,%g \r\n", m_sys[0].rangeM1,
-                m_sys[1].rangeM1, m_sys[0].rangeM2, m_sys[1].rangeM2);
-    }
+    ParseRanges(ReadR(0x81, fn), false);
     LOG_DEBUG("GetSystemData: ask G range for TS3\r");
-    v = ReadR(0x89, fn);
-    if (!v.empty() && v.length > 12) {
-      m_sys[2].rangeM1 = u16(v, 5) / 10;
-      m_sys[2].rangeM2 = u16(v, 7) / 10;
-      LOG_DEBUG("GetSystemData: TS3: M1range(m3h) %g, M2range(m3h) %g \r\n", m_sys[2].rangeM1, m_sys[2].rangeM2);
-    }
+    ParseRanges(ReadR(0x89, fn), true);
     LOG_DEBUG("GetSystemData: ask Gmin\r");
-    v = ReadR(0x65, fn);
-    if (!v.empty() && v.length > 12) {
-      for (int s = 0; s < 3; ++s) {
-        m_sys[s].gminM1Pct = v.data[5 + s] / 20.0;
-        m_sys[s].gminM2Pct = v.data[8 + s] / 20.0;
-        m_sys[s].haveGmin = true;
-      }
-      LOG_DEBUG("GetSystemData: M1min(%%) %g,%g,%g, M2min(%%) %g,%g,%g \r\n", m_sys[0].gminM1Pct, m_sys[1].gminM1Pct,
-                m_sys[2].gminM1Pct, m_sys[0].gminM2Pct, m_sys[1].gminM2Pct, m_sys[2].gminM2Pct);
-      CalcReal(false);
-    }
+    ParseLimits(ReadR(0x65, fn), false);
     LOG_DEBUG("GetSystemData: ask Gmax\r");
-    v = ReadR(0x6B, fn);
-    if (!v.empty() && v.length > 12) {
-      // Gmax comes in whole percent, unlike Gmin.
-      for (int s = 0; s < 3; ++s) {
-        m_sys[s].gmaxM1Pct = v.data[5 + s];
-        m_sys[s].gmaxM2Pct = v.data[8 + s];
-        m_sys[s].haveGmax = true;
-      }
-      LOG_DEBUG("GetSystemData: M1max(%%) %g,%g,%g, M2max %g,%g,%g \r\n", m_sys[0].gmaxM1Pct, m_sys[1].gmaxM1Pct,
-                m_sys[2].gmaxM1Pct, m_sys[0].gmaxM2Pct, m_sys[1].gmaxM2Pct, m_sys[2].gmaxM2Pct);
-      CalcReal(true);
-    }
+    ParseLimits(ReadR(0x6B, fn), true);
     LOG_DEBUG("GetSystemData: ask DN TS[1,2]\r");
-    v = ReadR(0xA8, fn);
-    if (!v.empty() && v.length > 12) {
-      m_sys[0].dn1 = u16(v, 5);
-      m_sys[1].dn1 = u16(v, 7);
-      m_sys[0].dn2 = u16(v, 9);
-      m_sys[1].dn2 = u16(v, 11);
-      m_sys[0].haveDN = m_sys[1].haveDN = true;
-      LOG_DEBUG("GetSystemData: TS[1,2]: DN1 %g,%g, DN2 %g,%g \r\n", m_sys[0].dn1, m_sys[1].dn1, m_sys[0].dn2,
-                m_sys[1].dn2);
-    }
+    ParseDN(ReadR(0xA8, fn), false);
     LOG_DEBUG("GetSystemData: ask DN TS3\r");
-    v = ReadR(0xB0, fn);
-    if (!v.empty() && v.length > 12) {
-      m_sys[2].dn1 = u16(v, 5);
-      m_sys[2].dn2 = u16(v, 7);
-      m_sys[2].haveDN = true;
-      LOG_DEBUG("GetSystemData: TS3: DN1 %g, DN2 %g \r\n", m_sys[2].dn1, m_sys[2].dn2);
-    }
+    ParseDN(ReadR(0xB0, fn), true);
   } catch (const std::exception& e) {
     LOG_ERR("GetSystemData: exception\r\n");
     return false;
@@ -389,84 +406,96 @@ ParamValueList CEskoDriver::get_all_system_values() {
 
 // ---------------------------------------------------------------------------------
 
-ParamValueList CEskoDriver::get_all_curtime_cur_integ_values() {
-  ParamValueList out;
-  const char* fn = "GetCurrentData";
-  struct Row {
-    int offset;
-    const char* name1;
-    int id1;
-    const char* dim1;
-    const char* name2;
-    int id2;
-    const char* dim2;
-  };
-  static const Row kRows[] = {{8, "P1", kP1, "Aтм", "P2", kP2, "Aтм"},
-                              {16, "Psw", kPsw, "Aтм", "t1", kT1, "°C"},
-                              {24, "t2", kT2, "°C", "tsw", kTsw, "°C"},
-                              {48, "G1", kG1, "м3ч", "G2", kG2, "м3ч"},
-                              {56, "M1", kM1, "т/ч", "M2", kM2, "т/ч"}};
-  struct IntegRow {
-    int offset;
-    const char* name;
-    int id;
-    bool bcd14;
-    int decimals;
-    const char* dim;
-  };
-  static const IntegRow kIntegRows[] = {{15, "Tp", kTp, false, 2, "ч"},   {27, "Qo", kQo, true, 9, "Гкал"},
-                                        {34, "IM1", kIM1, true, 6, "т"},  {41, "IM2", kIM2, true, 6, "т"},
-                                        {55, "V1", kV1, true, 6, "м3"},   {62, "V2", kV2, true, 6, "м3"},
-                                        {82, "TW", kTW, false, 2, "ч"}};
-  try {
-    const time_t now = mcd::Now();
-    for (int s = 0; s < 3; ++s) {
-      ReplyView v = ReadG(static_cast<uint16_t>(s * 88), fn);
-      if (!v.empty() && v.length > 12) {
-        CMeterBuffer c = Cursor(v);
-        c += 5;
-        m_sys[s].errors = ReadU32(c, fn);
-        AddValue(out, "ER", kER, kKindCurrent, GetULongAsString(c), "", s, now, m_sys[s].errors);
-      }
-      for (const Row& row : kRows) {
-        v = ReadG(static_cast<uint16_t>(s * 88 + row.offset), fn);
-        if (v.empty() || v.length <= 12) continue;
-        CMeterBuffer c = Cursor(v);
-        c += 5;
-        const double first = ReadFloat(c, fn);
-        c += 4;
-        const double second = ReadFloat(c, fn);
-        AddValue(out, row.name1, row.id1, kKindCurrent, SignificantText(first, 16), row.dim1, s, now, first);
-        AddValue(out, row.name2, row.id2, kKindCurrent, SignificantText(second, 16), row.dim2, s, now, second);
-      }
-    }
-    ReplyView v = ReadG(0x4A76, fn);
-    if (!v.empty() && v.length > 12) {
+namespace {
+struct CurrentRow {
+  int offset;
+  const char* name1;
+  int id1;
+  const char* dim1;
+  const char* name2;
+  int id2;
+  const char* dim2;
+};
+const CurrentRow kCurrentRows[] = {{8, "P1", kP1, "Aтм", "P2", kP2, "Aтм"},
+                                   {16, "Psw", kPsw, "Aтм", "t1", kT1, "°C"},
+                                   {24, "t2", kT2, "°C", "tsw", kTsw, "°C"},
+                                   {48, "G1", kG1, "м3ч", "G2", kG2, "м3ч"},
+                                   {56, "M1", kM1, "т/ч", "M2", kM2, "т/ч"}};
+struct IntegRow {
+  int offset;
+  const char* name;
+  int id;
+  bool bcd14;
+  int decimals;
+  const char* dim;
+};
+const IntegRow kIntegRows[] = {{15, "Tp", kTp, false, 2, "ч"},  {27, "Qo", kQo, true, 9, "Гкал"},
+                               {34, "IM1", kIM1, true, 6, "т"}, {41, "IM2", kIM2, true, 6, "т"},
+                               {55, "V1", kV1, true, 6, "м3"},  {62, "V2", kV2, true, 6, "м3"},
+                               {82, "TW", kTW, false, 2, "ч"}};
+const char kCurrentFn[] = "GetCurrentData";
+}  // namespace
+
+void CEskoDriver::ReadCurrent(ParamValueList& out, time_t now) {
+  const char* fn = kCurrentFn;
+  for (int s = 0; s < 3; ++s) {
+    ReplyView v = ReadG(static_cast<uint16_t>(s * 88), fn);
+    if (Usable(v)) {
       CMeterBuffer c = Cursor(v);
       c += 5;
-      const double ta = ReadFloat(c, fn);
-      for (int s = 0; s < 3; ++s) AddValue(out, "ta", kTa, kKindCurrent, SignificantText(ta, 16), "°C", s, now, ta);
+      m_sys[s].errors = ReadU32(c, fn);
+      AddValue(out, "ER", kER, kKindCurrent, GetULongAsString(c), "", s, now, m_sys[s].errors);
     }
+    for (const CurrentRow& row : kCurrentRows) {
+      v = ReadG(static_cast<uint16_t>(s * 88 + row.offset), fn);
+      if (!Usable(v)) continue;
+      CMeterBuffer c = Cursor(v);
+      c += 5;
+      const double first = ReadFloat(c, fn);
+      c += 4;
+      const double second = ReadFloat(c, fn);
+      AddValue(out, row.name1, row.id1, kKindCurrent, SignificantText(first, 16), row.dim1, s, now, first);
+      AddValue(out, row.name2, row.id2, kKindCurrent, SignificantText(second, 16), row.dim2, s, now, second);
+    }
+  }
+  ReplyView v = ReadG(0x4A76, fn);
+  if (Usable(v)) {
+    CMeterBuffer c = Cursor(v);
+    c += 5;
+    const double ta = ReadFloat(c, fn);
+    for (int s = 0; s < 3; ++s) AddValue(out, "ta", kTa, kKindCurrent, SignificantText(ta, 16), "°C", s, now, ta);
+  }
+}
 
-    time_t integStamp = now;
-    v = ReadR(0x0200, fn);
-    if (!v.empty() && v.length > 12) {
-      LOG_DEBUG("GetCurrentData:current integrators date raw [Y.M.D h:m]:  %02x.%02x.%02x %02x:%02x \r\n", v.data[5],
-                v.data[6], v.data[7], v.data[8], v.data[9]);
-      struct tm d;
-      const time_t t = DecodeMeterDate(v.data + 5, false, d) ? mktime(&d) : static_cast<time_t>(-1);
-      if (t != static_cast<time_t>(-1)) integStamp = t;
+void CEskoDriver::ReadIntegrators(ParamValueList& out, time_t now) {
+  const char* fn = kCurrentFn;
+  time_t integStamp = now;
+  ReplyView v = ReadR(0x0200, fn);
+  if (Usable(v)) {
+    LOG_DEBUG("GetCurrentData:current integrators date raw [Y.M.D h:m]:  %02x.%02x.%02x %02x:%02x \r\n", v.data[5],
+              v.data[6], v.data[7], v.data[8], v.data[9]);
+    struct tm d;
+    const time_t t = DecodeMeterDate(v.data + 5, false, d) ? mktime(&d) : static_cast<time_t>(-1);
+    if (t != static_cast<time_t>(-1)) integStamp = t;
+  }
+  for (int s = 0; s < 3; ++s) {
+    for (const IntegRow& row : kIntegRows) {
+      v = ReadR(static_cast<uint16_t>(0x0200 | (s * 76 + row.offset)), fn);
+      if (!Usable(v)) continue;
+      CMeterBuffer c = Cursor(v);
+      c += 5;
+      const std::string text = row.bcd14 ? GetBCD14AsString(c, row.decimals) : GetBCD8AsString(c, row.decimals);
+      AddValue(out, row.name, row.id, kKindIntegral, text, row.dim, s, integStamp, atof(text.c_str()));
     }
-    for (int s = 0; s < 3; ++s) {
-      for (const IntegRow& row : kIntegRows) {
-        v = ReadR(static_cast<uint16_t>(0x0200 | (s * 76 + row.offset)), fn);
-        if (v.empty() || v.length <= 12) continue;
-        CMeterBuffer c = Cursor(v);
-        c += 5;
-        const std::string text = row.bcd14 ? GetBCD14AsString(c, row.decimals) : GetBCD8AsString(c, row.decimals);
-        AddValue(out, row.name, row.id, kKindIntegral, text, row.dim, s, integStamp, atof(text.c_str()));
-      }
-    }
+  }
+}
+
+ParamValueList CEskoDriver::get_all_curtime_cur_integ_values() {
+  ParamValueList out;
+  try {
+    const time_t now = mcd::Now();
+    ReadCurrent(out, now);
+    ReadIntegrators(out, now);
   } catch (const std::exception& e) {
     LOG_ERR("get_all_curtime_cur_integ_values: exception!\r");
   }

@@ -143,10 +143,20 @@ class CEskoDriver : public CMcdBaseDriver {
   void NoteClockState(int state, const unsigned char* raw, long away);
   bool HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest);
   time_t Bisect(int eskoKind, time_t without, time_t with);
-  time_t ClaimedOldest(int eskoKind, time_t newest, unsigned rest) const;
+  time_t StepBack(int eskoKind, time_t t, unsigned count, time_t limit) const;
+  time_t GallopBack(int eskoKind, time_t with, time_t limit);
   RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
   RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
   void CalcReal(bool max);
+  // Parsers of the system-data answers (empty or short answers leave the state as is).
+  void ParseModel(const ReplyView& v);
+  void ParseCircuits(const ReplyView& v);
+  void ParseRanges(const ReplyView& v, bool third);
+  void ParseLimits(const ReplyView& v, bool max);
+  void ParseDN(const ReplyView& v, bool third);
+  // Current values of the three heat systems and ta; integrators with their date.
+  void ReadCurrent(ParamValueList& out, time_t now);
+  void ReadIntegrators(ParamValueList& out, time_t now);
   void FillUnits();
   void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
                 int sys, time_t stamp, double shown);

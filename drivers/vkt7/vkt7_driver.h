@@ -73,17 +73,10 @@ class Cmcd_VKT7 : public CMcdBaseDriver {
   // Text of an element value of width bytes at the cursor.
   std::string ParseToString(const CVKT7Buffer& cursor, const Element& row, int width) const;
 
-  // --- state, for diagnostics and tests ---
-  int BaseType() const { return m_baseType; }
+  // --- what the meter told about itself ---
   void SetBaseType(int type) { m_baseType = type; }
   const std::map<int, std::string>& Units() const { return m_units; }
-  const std::map<int, unsigned char>& FractionDigits() const { return m_digits; }
-  const std::vector<std::pair<int, int>>& ActiveList() const { return m_active; }
-  int Scheme() const { return m_scheme; }
-  const Element& TableRow(int element) const { return m_table[element]; }
-  unsigned char VersionByte() const { return m_version; }
   const std::string& VersionString() const { return m_versionText; }
-  const std::string& SerialText() const { return m_serial; }
   unsigned char ReportingDay() const { return m_reportDay; }
   unsigned char TypeByte() const { return m_typeByte; }
 

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "drivers/base/crc16.h"
 #include "drivers/base/diag_files.h"
@@ -61,8 +64,9 @@ CVKT7LowLevelConnector::CVKT7LowLevelConnector(CConnector* connector, bool led)
     : m_connector(connector), m_led(led), m_baud(LineSpeed(connector)) {}
 
 long CVKT7LowLevelConnector::PartialReadPause(int bytesDue, int baud) {
-  const long wire = static_cast<long>(bytesDue) * 10L * 1000000L / (baud > 0 ? baud : 9600);
-  return wire + wire / 10 + 20000;
+  // 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
+  const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / (baud > 0 ? baud : 9600);
+  return static_cast<long>(wire + wire / 10 + 20000);
 }
 
 CVKT7Buffer CVKT7LowLevelConnector::SendString(unsigned char* request, unsigned short length, const char* func_name,
@@ -129,7 +133,7 @@ bool CVKT7LowLevelConnector::ReadCount(unsigned char* dest, unsigned short count
     }
     if (got == count) return true;
     LOG_WARNING("CVKT7LowLevelConnector::ReadCount - Readed not full string");
-    usleep(static_cast<useconds_t>(PartialReadPause(count - got, m_baud)));
+    std::this_thread::sleep_for(std::chrono::microseconds(PartialReadPause(count - got, m_baud)));
   }
 }
 

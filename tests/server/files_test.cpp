@@ -294,17 +294,6 @@ TEST_F(FilesTest, KillAtAnyInstantFilesNothingTwiceAndLosesNothing) {
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A1")), a1);
 }
 
-TEST_F(FilesTest, ArchiveLineThatCannotBeWrittenKeepsTheBound) {
-  CJSONRPCConnector connector("7", 0);
-  ASSERT_TRUE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
-  // system 2's directory is in the way as a plain file; system 1 still works
-  mcdtest::WriteFile(root.storage("7/2"), "");
-  EXPECT_FALSE(connector.WriteArchive({Value(17, 3, "2", 4600, 0), Value(17, 3, "3", 4600, 1)}, 4, false));
-  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1000);
-  EXPECT_TRUE(connector.WriteArchive({Value(17, 3, "4", 8200)}, 4, false));
-  EXPECT_EQ(connector.ReadMaxTimestamp(4), 8200);
-}
-
 TEST_F(FilesTest, ReaderNeverSeesAPartialItem) {
   CJSONRPCConnector connector("7", 0);
   const std::string a(4000, 'a'), b(6000, 'b');
@@ -346,6 +335,12 @@ TEST_F(FilesTest, ArchiveLinesAreTakenBackWhenTheBoundCannotBeWritten) {
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A21")), "");
 
   ASSERT_EQ(rmdir(root.storage("7/timestamp_max_hourly").c_str()), 0);
+  // A line that cannot be written (system 2's directory is a plain file) does the same.
+  mcdtest::WriteFile(root.storage("7/2"), "");
+  EXPECT_FALSE(connector.WriteArchive({next.front(), ParamValue(6, 4, "9", "", 192, 0, 1, 1500003600)}, 4, false));
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before);
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1500000000);
+
   EXPECT_TRUE(connector.WriteArchive(next, 4, false));
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before + "1500003600,192,2.5\n");
   EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_hourly")), "1500003600");

@@ -484,12 +484,15 @@ TEST_F(PollingTest, EveryHeldRecordIsFiledOnceWhateverHappens) {
   d.stamps.first_day_arch = static_cast<int32_t>(kBerlinFirstDay);
   d.holds = [](int type, time_t t) { return t != (type == ARCH_HOURLY ? kBerlinNoHour : kBerlinNoDay); };
   d.failAt = {{ARCH_HOURLY, kBerlinFailHour}, {ARCH_DAILY, kBerlinFailDay}};
-  d.readyAfterInits = 4;  // init at start, again at start and on the first turn: not yet
+  d.readyAfterInits = 3;  // init at start and again on the first turn: not yet
   std::atomic<int> askedBeforeReady{0};
-  d.onArch = [&](const ArchCall&) { askedBeforeReady += driver->inits.load() < 4; };
+  d.onArch = [&](const ArchCall&) { askedBeforeReady += driver->inits.load() < 3; };
   Start("tem-104");
   ASSERT_TRUE(CycleDone());
+  EXPECT_EQ(driver->inits.load(), 2);
+  EXPECT_EQ(driver->systems.load(), 0);
   EXPECT_EQ(Item("T1"), "");  // not ready: nothing published
+  EXPECT_EQ(Item("Connected"), "0\n");
   for (int cycle = 1; cycle <= 30; ++cycle) {
     if (cycle == 5) clock.Step(3 * 3600);
     if (cycle == 8) clock.Step(-10 * kDay);  // the meter's clock is now 10 days off
@@ -498,10 +501,14 @@ TEST_F(PollingTest, EveryHeldRecordIsFiledOnceWhateverHappens) {
     ASSERT_TRUE(NextCycle()) << cycle;
   }
   const time_t meterNow = clock.Monotonic();
+  EXPECT_EQ(driver->inits.load(), 3);
+  EXPECT_EQ(driver->systems.load(), 1);
+  EXPECT_EQ(Item("Connected"), "1\n");
+  driver->stop();
+  EXPECT_TRUE(d.failAt.empty());  // both failures were met
   driver.reset();
 
   EXPECT_EQ(askedBeforeReady.load(), 0);
-  EXPECT_TRUE(d.failAt.empty());  // both failures were met
   EXPECT_EQ(Count("driver not ready"), 1u);
   EXPECT_EQ(Count("the driver is ready"), 1u);
   EXPECT_EQ(Count("is over 7 days from"), 1u);

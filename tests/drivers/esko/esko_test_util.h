@@ -33,15 +33,11 @@ class LogMark : public mcdtest::LogCapture {
   LogMark() : mcdtest::LogCapture((LogPath(), logger::TL_DEBUG)) {}
 };
 
-inline unsigned char Sum(const unsigned char* p, size_t n) {
-  unsigned s = 0;
-  for (size_t i = 0; i < n; ++i) s += p[i];
-  return static_cast<unsigned char>(s & 0xFF);
-}
-
 // Appends the 8-bit sum to body.
 inline Bytes Framed(Bytes body) {
-  body.push_back(Sum(body.data(), body.size()));
+  unsigned sum = 0;
+  for (unsigned char b : body) sum += b;
+  body.push_back(static_cast<unsigned char>(sum));
   return body;
 }
 
