@@ -40,7 +40,8 @@ answers the N-th archive date writes with that error code.
 --mask-change-after N changes the meter's activity mask (element 18 leaves the
 active list) after N archive reads: until the driver has read and written back the
 new list, data reads answer error code 5 (--mask-mode code5) or carry NS byte 5 in
-their first element (--mask-mode byte5).
+their first element (--mask-mode byte5). With --mask-change-twice element 17 leaves as
+well at the very next archive read.
 
 --held-out PATH writes (by write-and-rename, at start and whenever the held archive
 changes) every archive record the meter holds and the lines the daemon must file for
@@ -339,6 +340,8 @@ class Vkt7:
         parser.add_argument("--mask-change-after", type=int, default=-1,
                             help="change the activity mask after this many archive reads")
         parser.add_argument("--mask-mode", choices=("code5", "byte5"), default="code5")
+        parser.add_argument("--mask-change-twice", action="store_true",
+                            help="change the mask again (element 17 leaves) at the read after the first change")
         parser.add_argument("--held-out", default=None, help="JSON file of the records the meter holds")
         parser.add_argument("--verbose", action="store_true")
 
@@ -558,6 +561,10 @@ class Vkt7:
             if self.archive_reads == self.args.mask_change_after + 1 and 18 in self.active:
                 self.active.remove(18)
                 self.log("activity mask changed")
+            elif (self.args.mask_change_twice and self.archive_reads == self.args.mask_change_after + 2
+                  and 17 in self.active):
+                self.active.remove(17)
+                self.log("activity mask changed again")
             t = self.date
         else:
             t = self.now()

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <set>
 
 #include "drivers/vkt7/vkt7_driver.h"
 #include "server/param_names.h"
@@ -185,6 +186,21 @@ TEST_P(Vkt7MaskTest, AMaskChangeIsReadAgainAfterTheListIsSynchronised) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, Vkt7MaskTest, ::testing::Values("code5", "byte5"));
+
+TEST_P(Vkt7MaskTest, ASecondChangeOnTheReReadEndsTheWalkThere) {
+  const time_t first = mcdtest::LocalHourStart(time(nullptr)) - 6 * 3600;
+  Start({"--first-hour", std::to_string(first), "--mask-change-after", "2", "--mask-change-twice", "--mask-mode",
+         GetParam()});
+  driver->init();
+  ExpectWalk(4, first, first + 3 * 3600, 0, 2);
+  Timestamps stamps;
+  ASSERT_NE(driver->GetTimestamps(stamps), 0);
+  ParamValueList out;
+  ASSERT_EQ(driver->get_arch_values(4, first + 2 * 3600, first + 3 * 3600, out), 1);
+  std::set<long> times;
+  for (const auto& v : out) times.insert(v.timestamp);
+  EXPECT_EQ(times, (std::set<long>{first + 2 * 3600, first + 3 * 3600}));
+}
 
 TEST_F(Vkt7SimTest, DailyRecordsWithTheMonthlyRecordOfTheReportingDay) {
   const time_t today = mcdtest::LocalMidnight(time(nullptr));
