@@ -334,8 +334,9 @@ def run_seed(seed, args):
     # a clock days away from the controller's
     esko.base_control = {"no_record": [hour_start(meter_now) - rng.randint(2, back + 1) * 3600
                                        for _ in range(rng.randint(0, 2))]}
+    errors = ("error answers", {"error_code": rng.choice((1, 2, 4, 5, 6, 7)), "error_every": rng.randint(2, 5)})
     esko.meter_faults = [
-        ("error answers", {"error_code": rng.choice((1, 2, 4, 5, 6, 7)), "error_every": rng.randint(2, 5)}),
+        errors, errors,  # twice as likely as each clock fault
         ("clock reading 00.00.2000", {"clock": "nonsense"}),
         ("clock days off", {"clock_offset": rng.choice((-1, 1)) * rng.randint(8, 40) * 86400})]
     lines = [vkt, esko]
