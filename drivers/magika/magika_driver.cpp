@@ -445,18 +445,13 @@ int CmcdMAGIKAAXXX::get_arch_values(int type, time_t from, time_t to, ParamValue
                 hourly ? "hourly" : "daily", TimeText(oldest).c_str(), TimeText(first).c_str(), TimeText(to).c_str());
     return 1;
   }
-  if (HeldBack(type, first)) return 0;
   ParamValueList got;
   try {
     const int result = Walk(type, first, to, got);
-    if (result)
-      out.splice(out.end(), got);
-    else
-      FailedAt(type, first);
+    if (result) out.splice(out.end(), got);
     return result;
   } catch (const std::exception& e) {
     LOG_ERR("CmcdMAGIKAAXXX::get_arch_values - %s transfer failed: %s", hourly ? "hourly" : "daily", e.what());
-    FailedAt(type, first);
     try {
       m_link->WriteRegister(kCommand, (hourly ? kHourly : kDaily).end);
     } catch (const std::exception&) {
@@ -465,20 +460,4 @@ int CmcdMAGIKAAXXX::get_arch_values(int type, time_t from, time_t to, ParamValue
   }
 }
 
-bool CmcdMAGIKAAXXX::HeldBack(int type, time_t first) {
-  const int k = type == ARCH_HOURLY ? 0 : 1;
-  if (m_failedAt[k] == 0) return false;
-  if (first <= m_failedAt[k] || mcd::Monotonic() - m_failedSince[k] > 3600) {
-    m_failedAt[k] = 0;
-    return false;
-  }
-  LOG_WARNING("CmcdMAGIKAAXXX::get_arch_values - %s records from %s are not read before the one of %s that failed",
-              k == 0 ? "hourly" : "daily", TimeText(first).c_str(), TimeText(m_failedAt[k]).c_str());
-  return true;
-}
 
-void CmcdMAGIKAAXXX::FailedAt(int type, time_t t) {
-  const int k = type == ARCH_HOURLY ? 0 : 1;
-  m_failedAt[k] = t;
-  m_failedSince[k] = mcd::Monotonic();
-}

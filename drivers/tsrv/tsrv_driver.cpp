@@ -392,7 +392,6 @@ int CmcdTSRV::get_arch_values(int type, time_t from, time_t to, ParamValueList& 
   const bool hourly = type == ARCH_HOURLY;
   time_t t = hourly ? mcd::cal::HourStart(from) : mcd::cal::DayStart(from);
   if (t < from) t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t);
-  if (HeldBack(type, t)) return 0;
   for (; t <= to; t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t)) {
     // All systems of one time go together: a failure at a later system must not let
     // the earlier ones raise the bound past the record that failed.
@@ -405,10 +404,7 @@ int CmcdTSRV::get_arch_values(int type, time_t from, time_t to, ParamValueList& 
         LOG_ERR("CmcdTSRV::get_arch_values - %s record %s of system %d: exchange failed: %s",
                 hourly ? "hourly" : "daily", TimeText(t).c_str(), sys, e.what());
       }
-      if (result == kRefused) {
-        FailedAt(type, t);
-        return 0;
-      }
+      if (result == kRefused) return 0;
       if (result == kNoRecord)
         LOG_WARNING("CmcdTSRV::get_arch_values - the meter holds no %s record for %s of system %d: skipped",
                     hourly ? "hourly" : "daily", TimeText(t).c_str(), sys);
@@ -418,20 +414,4 @@ int CmcdTSRV::get_arch_values(int type, time_t from, time_t to, ParamValueList& 
   return 1;
 }
 
-bool CmcdTSRV::HeldBack(int type, time_t first) {
-  const int k = type == ARCH_HOURLY ? 0 : 1;
-  if (m_failedAt[k] == 0) return false;
-  if (first <= m_failedAt[k] || mcd::Monotonic() - m_failedSince[k] > 3600) {
-    m_failedAt[k] = 0;
-    return false;
-  }
-  LOG_WARNING("CmcdTSRV::get_arch_values - %s records from %s are not read before the one of %s that failed",
-              k == 0 ? "hourly" : "daily", TimeText(first).c_str(), TimeText(m_failedAt[k]).c_str());
-  return true;
-}
 
-void CmcdTSRV::FailedAt(int type, time_t t) {
-  const int k = type == ARCH_HOURLY ? 0 : 1;
-  m_failedAt[k] = t;
-  m_failedSince[k] = mcd::Monotonic();
-}

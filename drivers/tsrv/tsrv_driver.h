@@ -52,13 +52,6 @@ class CmcdTSRV : public CMcdBaseDriver {
   void ReadInputBytes(uint16_t address, int count, uint8_t* out);
   int Systems() const;
 
-  // A walk that failed at a record keeps later ranges from being read until a walk
-  // starts at or before that record again (or an hour has passed): records filed past
-  // it would move the bound over it.
-  bool HeldBack(int type, time_t first);
-  void FailedAt(int type, time_t t);
-  time_t m_failedAt[2] = {0, 0};
-  time_t m_failedSince[2] = {0, 0};
 
   std::unique_ptr<CModbusMeterLink> m_link;
   TotalsLayout m_totals = kTotalsUnknown;
