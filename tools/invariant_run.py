@@ -29,6 +29,7 @@ Prints one line per seed, "seed N: lost N duplicated N wrong N ...", the checker
 report when a seed fails, and exits with 0 when every seed passed.
 """
 import argparse
+import ctypes
 import json
 import os
 import random
@@ -90,6 +91,18 @@ def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
+
+
+_LIBC = ctypes.CDLL(None, use_errno=True)
+_AT_FDCWD = -100
+_RENAME_EXCHANGE = 2
+
+
+def exchange(a, b):
+    """Swaps the names a and b in one step (renameat2 with RENAME_EXCHANGE)."""
+    if _LIBC.renameat2(_AT_FDCWD, a.encode(), _AT_FDCWD, b.encode(), _RENAME_EXCHANGE) != 0:
+        err = ctypes.get_errno()
+        raise OSError(err, os.strerror(err), a)
 
 
 def write_atomic(path, text):
@@ -199,18 +212,22 @@ class Line:
                 self.sim.kill()
                 self.sim.wait()
 
+    # The daemon makes its storage directories again whenever a write fails, so a
+    # directory can appear at the meter's path at any instant: every change of what
+    # stands there is one exchange of two names, never a remove followed by a rename.
     def block_storage(self, ident):
         d = self.storage(ident)
         if not os.path.isdir(d):
             return False
-        os.rename(d, d + ".aside")
-        write_atomic(d, "in the way\n")
+        write_atomic(d + ".blocker", "in the way\n")
+        exchange(d + ".blocker", d)
+        os.rename(d + ".blocker", d + ".aside")
         return True
 
     def restore_storage(self, ident):
         d = self.storage(ident)
-        os.unlink(d)
-        os.rename(d + ".aside", d)
+        exchange(d + ".aside", d)
+        os.unlink(d + ".aside")
 
     def reach(self, meter_time):
         """{(ident, bound file): newest record time the daemon must reach}."""

@@ -1,5 +1,7 @@
 #include "fault_rig.h"
 
+#include <fcntl.h>
+
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -95,17 +97,28 @@ int FaultRig::StopDaemon() {
   return status;
 }
 
+namespace {
+
+// Swaps two names in one step. The daemon makes its storage directories again whenever
+// a write fails, so a directory can appear at the meter's path at any instant: every
+// change of what stands there is one exchange, never a remove followed by a rename.
+bool Exchange(const std::string& a, const std::string& b) {
+  return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
+}
+
+}  // namespace
+
 bool FaultRig::BlockStorage(const std::string& id) {
   const std::string dir = m_root.storage(id);
-  if (rename(dir.c_str(), (dir + ".aside").c_str()) != 0) return false;
-  mcdtest::WriteFile(dir, "in the way\n");
-  return true;
+  mcdtest::WriteFile(dir + ".blocker", "in the way\n");
+  if (!Exchange(dir + ".blocker", dir)) return false;
+  return rename((dir + ".blocker").c_str(), (dir + ".aside").c_str()) == 0;
 }
 
 bool FaultRig::RestoreStorage(const std::string& id) {
   const std::string dir = m_root.storage(id);
-  if (unlink(dir.c_str()) != 0) return false;
-  return rename((dir + ".aside").c_str(), dir.c_str()) == 0;
+  if (!Exchange(dir + ".aside", dir)) return false;
+  return unlink((dir + ".aside").c_str()) == 0;
 }
 
 long ReadNumber(const std::string& path) {
