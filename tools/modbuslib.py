@@ -1,5 +1,5 @@
 """Modbus RTU pieces shared by the simulators of Modbus meters (standard library only):
-the CRC-16 of the Modbus specification, request framing for simlib, exception
+the Modbus RTU CRC-16, request framing for simlib, exception
 answers, the extra fault switches of the control file, the local calendar by which
 meters key their archives, and the --held-out file.
 
@@ -15,7 +15,7 @@ import time
 
 
 def crc16(data):
-    """CRC-16 of the Modbus specification: reflected polynomial 0xA001, start 0xFFFF."""
+    """Modbus RTU CRC-16: reflected polynomial 0xA001, start 0xFFFF."""
     crc = 0xFFFF
     for byte in data:
         crc ^= byte

@@ -153,6 +153,14 @@ int CModbusConnector::RawExchange(const uint8_t* request, int length, uint8_t* a
   return mcd::CheckCrc16(answer, static_cast<size_t>(want - 2)) ? want : -1;
 }
 
+CModbusMeterLink* CModbusMeterLink::ForMeter(CConnector* connector, const std::string* serial) {
+  auto* modbus = dynamic_cast<CModbusConnector*>(connector);
+  if (!modbus) return nullptr;
+  int slave = serial ? atoi(serial->c_str()) : 1;
+  if (slave < 1 || slave > 247) slave = 1;
+  return new CModbusMeterLink(modbus, slave);
+}
+
 modbus_t* CModbusMeterLink::Context() {
   m_exception = 0;
   modbus_t* ctx = m_connector ? m_connector->GetContext() : nullptr;

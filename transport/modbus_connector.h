@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "transport/connector.h"
 
@@ -64,6 +65,10 @@ class ModbusLock {
 class CModbusMeterLink {
  public:
   CModbusMeterLink(CModbusConnector* connector, int slave) : m_connector(connector), m_slave(slave) {}
+
+  // The link to the meter whose configured address is `serial` (1..247, anything else
+  // means 1) on the process's line; nullptr when that line is not a Modbus line.
+  static CModbusMeterLink* ForMeter(CConnector* connector, const std::string* serial);
 
   int Slave() const { return m_slave; }
   int LastException() const { return m_exception; }

@@ -79,16 +79,13 @@ int FieldSize(const std::string& name, bool hourly) {
 CmcdMAGIKAAXXX::~CmcdMAGIKAAXXX() { stop(); }
 
 void CmcdMAGIKAAXXX::SaveConnector(CConnector* connector) {
-  auto* modbus = dynamic_cast<CModbusConnector*>(connector);
   auto found = configuration.find("serial");
-  int slave = found == configuration.end() ? 1 : atoi(found->second.c_str());
-  if (slave < 1 || slave > 247) slave = 1;
-  if (!modbus) {
+  m_link.reset(CModbusMeterLink::ForMeter(connector, found == configuration.end() ? nullptr : &found->second));
+  if (!m_link) {
     LOG_ERR("CmcdMAGIKAAXXX::SaveConnector - the port is not a Modbus line (\"protocol\" \"modbus\"): nothing is read");
     return;
   }
-  m_link.reset(new CModbusMeterLink(modbus, slave));
-  LOG_INFO("CmcdMAGIKAAXXX::SaveConnector - gateway address %d", slave);
+  LOG_INFO("CmcdMAGIKAAXXX::SaveConnector - gateway address %d", m_link->Slave());
 }
 
 std::vector<std::vector<int>> CmcdMAGIKAAXXX::SystemPipes() const {

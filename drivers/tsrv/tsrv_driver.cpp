@@ -96,16 +96,13 @@ void Add(ParamValueList& out, int id, int kind, const std::string& text, const c
 CmcdTSRV::~CmcdTSRV() { stop(); }
 
 void CmcdTSRV::SaveConnector(CConnector* connector) {
-  auto* modbus = dynamic_cast<CModbusConnector*>(connector);
   auto found = configuration.find("serial");
-  int slave = found == configuration.end() ? 1 : atoi(found->second.c_str());
-  if (slave < 1 || slave > 247) slave = 1;
-  if (!modbus) {
+  m_link.reset(CModbusMeterLink::ForMeter(connector, found == configuration.end() ? nullptr : &found->second));
+  if (!m_link) {
     LOG_ERR("CmcdTSRV::SaveConnector - the port is not a Modbus line (\"protocol\" \"modbus\"): nothing is read");
     return;
   }
-  m_link.reset(new CModbusMeterLink(modbus, slave));
-  LOG_INFO("CmcdTSRV::SaveConnector - slave address %d", slave);
+  LOG_INFO("CmcdTSRV::SaveConnector - slave address %d", m_link->Slave());
 }
 
 int CmcdTSRV::Systems() const {
