@@ -12,6 +12,7 @@ the daemon runs. Every request body is appended, as received, to the --log file
 import argparse
 import http.server
 import json
+import os
 import sys
 import threading
 
@@ -21,6 +22,8 @@ def main():
     parser.add_argument("--port", type=int, required=True)
     parser.add_argument("--config", required=True)
     parser.add_argument("--log", default=None)
+    parser.add_argument("--port-file", default=None,
+                        help="written with the port number once the server listens (--port 0: any free port)")
     parser.add_argument("--garbage", type=int, default=0)
     args = parser.parse_args()
 
@@ -80,6 +83,11 @@ def main():
 
     server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), Handler)
     server.daemon_threads = True
+    if args.port_file:
+        tmp = args.port_file + ".tmp"
+        with open(tmp, "w", encoding="utf-8") as f:
+            f.write("%d\n" % server.server_address[1])
+        os.replace(tmp, args.port_file)
     try:
         server.serve_forever()
     except KeyboardInterrupt:

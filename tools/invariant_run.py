@@ -35,7 +35,6 @@ import os
 import random
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import threading
@@ -85,12 +84,6 @@ def utc_offset_changes(first, last):
             out.append(hi)
             previous = offset
     return out
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 _LIBC = ctypes.CDLL(None, use_errno=True)
@@ -322,9 +315,8 @@ def run_seed(seed, args):
     work = os.path.join(args.work, "seed-%d" % seed)
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
-    port = free_port()
     env = dict(os.environ)
-    env.update({"TZ": zone, "MCD_TIME_SCALE": str(args.scale), "MCD_SERVER_URL": "http://127.0.0.1:%d/" % port})
+    env.update({"TZ": zone, "MCD_TIME_SCALE": str(args.scale)})
 
     # enough hourly records to reach back past the change
     back = (hour_start(meter_now) - change) // 3600 if change else rng.randint(20, 30)
@@ -367,20 +359,25 @@ def run_seed(seed, args):
                          "systems": {"system_1": "1", "system_2": "1"}}
     config = os.path.join(work, "config.json")
     write_atomic(config, json.dumps({"meters": meters}))
-    server = subprocess.Popen([sys.executable, os.path.join(TOOLS, "config_server.py"), "--port", str(port),
-                               "--config", config], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    # the server takes a free port itself and names it once it listens
+    port_file = os.path.join(work, "server.port")
+    server = subprocess.Popen([sys.executable, os.path.join(TOOLS, "config_server.py"), "--port", "0",
+                               "--port-file", port_file, "--config", config], env=env,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     headline = "seed %d: %s, meters' clock %s%s" % (
         seed, zone, time.strftime("%Y-%m-%d %H:%M:%S %Z", time.localtime(meter_now)),
         ", change at %s" % time.strftime("%Y-%m-%d %H:%M %Z", time.localtime(change)) if change else "")
     problems = []
     try:
-        deadline = time.monotonic() + 10
-        while time.monotonic() < deadline:
-            try:
-                socket.create_connection(("127.0.0.1", port), 0.2).close()
-                break
-            except OSError:
-                time.sleep(0.05)
+        deadline = time.monotonic() + 30
+        while not os.path.exists(port_file) and server.poll() is None and time.monotonic() < deadline:
+            time.sleep(0.05)
+        if not os.path.exists(port_file):
+            return headline, ["the configuration server did not start"], False
+        with open(port_file, encoding="utf-8") as f:
+            env["MCD_SERVER_URL"] = "http://127.0.0.1:%d/" % int(f.read())
+        for line in lines:
+            line.env["MCD_SERVER_URL"] = env["MCD_SERVER_URL"]
         for line in lines:
             write_atomic(line.offset_file, str(offset))
             if not line.start_sim(offset):

@@ -18,6 +18,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -276,8 +278,24 @@ bool ChildProcess::Running() {
 std::string ChildProcess::Stdout() const { return ReadFile(m_out); }
 std::string ChildProcess::Stderr() const { return ReadFile(m_err); }
 
+namespace {
+// Ports handed out by FreeLoopbackPort stay bound (not listening) until a ConfigServer
+// takes them, so no other test picks the same port meanwhile; a connect to them is
+// refused, as with a server that is not there.
+std::mutex g_reservedMutex;
+std::map<int, int> g_reserved;  // port -> bound socket
+
+void ReleasePort(int port) {
+  std::lock_guard<std::mutex> lock(g_reservedMutex);
+  auto it = g_reserved.find(port);
+  if (it == g_reserved.end()) return;
+  close(it->second);
+  g_reserved.erase(it);
+}
+}  // namespace
+
 int FreeLoopbackPort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -286,22 +304,11 @@ int FreeLoopbackPort() {
   socklen_t len = sizeof addr;
   getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
   int port = ntohs(addr.sin_port);
-  close(s);
+  std::lock_guard<std::mutex> lock(g_reservedMutex);
+  g_reserved[port] = s;
   return port;
 }
 
-namespace {
-bool PortAccepts(int port) {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  bool ok = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  close(s);
-  return ok;
-}
-}  // namespace
 
 ConfigServer::~ConfigServer() { Stop(); }
 
@@ -310,12 +317,18 @@ bool ConfigServer::Start(const std::string& configJson, int port, const std::vec
   if (!mkdtemp(dirName)) return false;
   m_dir = dirName;
   WriteFile(m_dir + "/config.json", configJson);
-  m_port = port ? port : FreeLoopbackPort();
-  std::vector<std::string> argv = {"python3",  SourcePath("tools/config_server.py"), "--port", std::to_string(m_port),
-                                   "--config", m_dir + "/config.json", "--log", m_dir + "/requests.log"};
+  // The server binds the port itself (0: any free one) and names it in a file once it
+  // listens, so a test never talks to another test's server.
+  const std::string portFile = m_dir + "/port";
+  if (port) ReleasePort(port);
+  std::vector<std::string> argv = {"python3",  SourcePath("tools/config_server.py"), "--port", std::to_string(port),
+                                   "--port-file", portFile, "--config", m_dir + "/config.json",
+                                   "--log", m_dir + "/requests.log"};
   argv.insert(argv.end(), options.begin(), options.end());
   if (!m_process.Start(argv)) return false;
-  return WaitFor([&] { return PortAccepts(m_port); }, std::chrono::seconds(15));
+  bool up = WaitFor([&] { return !ReadFile(portFile).empty() || !m_process.Running(); }, std::chrono::seconds(30));
+  m_port = up ? atoi(ReadFile(portFile).c_str()) : 0;
+  return m_port > 0 && (!port || m_port == port);
 }
 
 void ConfigServer::Stop() {

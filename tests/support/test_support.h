@@ -97,7 +97,7 @@ class ChildProcess {
   std::string m_out, m_err;
 };
 
-// A free TCP port on 127.0.0.1 (bound and released).
+// A free TCP port on 127.0.0.1, kept bound (nobody listens) until a ConfigServer starts on it.
 int FreeLoopbackPort();
 
 // The configuration server of tools/config_server.py on a loopback port.
@@ -107,7 +107,7 @@ class ConfigServer {
  public:
   ConfigServer() = default;
   ~ConfigServer();
-  // Starts the server on port (0 = a free one) and waits until it accepts.
+  // Starts the server on port (0 = a free one) and waits until it listens there.
   bool Start(const std::string& configJson, int port = 0, const std::vector<std::string>& options = {});
   void Stop();
   int port() const { return m_port; }
