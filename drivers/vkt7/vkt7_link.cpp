@@ -1,12 +1,8 @@
 #include "drivers/vkt7/vkt7_link.h"
 
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "drivers/base/crc16.h"
 #include "drivers/base/diag_files.h"
@@ -58,91 +54,84 @@ int LineSpeed(const CConnector* connector) {
   return baud > 0 ? baud : 9600;
 }
 
+// Answers: FF FF is not echoed; address, type, count or register, data, CRC-16 over
+// everything before it (low byte first). Error answers (type 0x83 or 0x90) carry one
+// byte, the error code.
+class Vkt7Policy : public mcd::LinkPolicy {
+ public:
+  explicit Vkt7Policy(int baud) : m_baud(baud) {
+    flushBeforeSend = true;
+    texts.shortWrite = "CVKT7LowLevelConnector::SendString - Sended not full string";
+    texts.readFailed =
+        "CVKT7LowLevelConnector::ReadCount - readed -1 - need to read - \"%d\", already readed - \"%d\"!!!";
+    texts.readMore = "CVKT7LowLevelConnector::ReadCount - readed more!!!";
+    texts.readPartial = "CVKT7LowLevelConnector::ReadCount - Readed not full string";
+    texts.wrongType = "CVKT7LowLevelConnector::SendString - WrongTypePacket";
+    texts.resend = "CVKT7LowLevelConnector::Resend %d time";
+  }
+
+  int HeaderLength(const unsigned char*, int) const override { return 3; }
+
+  int RestLength(const unsigned char*, const unsigned char* header) const override {
+    switch (header[1]) {
+      case 0x10:
+        return 3 + 2;
+      case 0x03:
+        return header[2] + 2;
+      case 0x83:
+      case 0x90:
+        return 1 + 2;
+      default:
+        return -1;
+    }
+  }
+
+  bool CheckReply(const unsigned char* reply, int length) const override {
+    if (mcd::CheckCrc16(reply, static_cast<size_t>(length - 2))) return true;
+    LOG_CRIT("CVKT7LowLevelConnector::SendString - WRONG CRC");
+    return false;
+  }
+
+  int Verdict(const unsigned char*, unsigned char* reply, int, const char* funcName) const override {
+    if ((reply[1] & 0x80) == 0) return -1;
+    vkt7::WriteDebugLine(reply[2], reply[1], reply[2] | (reply[3] << 8), funcName);
+    LOG_ERR("CVKT7LowLevelConnector::CheckResult - Error on return answer. Code error %X. Type packet - %X. function %X",
+            reply[2], reply[1], reply[2]);
+    return reply[2];
+  }
+
+  int ViewLength(const unsigned char* reply, int) const override { return reply[2] + 3; }
+
+  // 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
+  long PartialReadPauseUs(int bytesDue) const override {
+    const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / m_baud;
+    return static_cast<long>(wire + wire / 10 + 20000);
+  }
+
+ private:
+  int m_baud;
+};
+
 }  // namespace
 
 CVKT7LowLevelConnector::CVKT7LowLevelConnector(CConnector* connector, bool led)
-    : m_connector(connector), m_led(led), m_baud(LineSpeed(connector)) {}
+    : m_policy(new Vkt7Policy(LineSpeed(connector))), m_exchange(new mcd::LinkExchange(connector, led, *m_policy)) {}
 
-long CVKT7LowLevelConnector::PartialReadPause(int bytesDue, int baud) {
-  // 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
-  const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / (baud > 0 ? baud : 9600);
-  return static_cast<long>(wire + wire / 10 + 20000);
+CVKT7LowLevelConnector::~CVKT7LowLevelConnector() = default;
+
+unsigned char CVKT7LowLevelConnector::LastError() const {
+  return static_cast<unsigned char>(m_exchange->LastError());
 }
+
+const unsigned char* CVKT7LowLevelConnector::Answer() const { return m_exchange->Answer(); }
 
 CVKT7Buffer CVKT7LowLevelConnector::SendString(unsigned char* request, unsigned short length, const char* func_name,
                                                bool tolerate_error) {
-  // The preamble FF FF is not covered by the checksum.
+  // The preamble FF FF is not covered by the checksum. Stale input (the tail of a
+  // broken answer, or an answer that came after its time-out) is dropped before every
+  // send, else every later exchange would stay out of step with the meter.
   mcd::AppendCrc16(request + 2, static_cast<size_t>(length) - 4);
-
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    // Bytes still waiting from an earlier exchange (the tail of a broken answer, or an
-    // answer that came after its time-out) would otherwise be taken for the head of
-    // this answer, and every later exchange would stay out of step with the meter.
-    m_connector->flush();
-    if (m_connector->WriteBuffer(request, length, m_led) != static_cast<int>(length)) {
-      LOG_CRIT("CVKT7LowLevelConnector::SendString - Sended not full string");
-      throw CDisconnectException();
-    }
-    usleep(100000);
-    try {
-      ReadCount(m_answer, 3);
-      int k;
-      switch (m_answer[1]) {
-        case 0x10:
-          k = 3;
-          break;
-        case 0x03:
-          k = m_answer[2];
-          break;
-        case 0x83:
-        case 0x90:
-          k = 1;
-          break;
-        default:
-          LOG_CRIT("CVKT7LowLevelConnector::SendString - WrongTypePacket");
-          throw CDisconnectException();
-      }
-      ReadCount(m_answer + 3, static_cast<unsigned short>(k + 2));
-      if (!mcd::CheckCrc16(m_answer, static_cast<size_t>(3 + k))) {
-        LOG_CRIT("CVKT7LowLevelConnector::SendString - WRONG CRC");
-        throw CDisconnectException();
-      }
-      m_ucLastError = CheckResult(request, m_answer, func_name, tolerate_error);
-      if (m_answer[1] & 0x80) return CVKT7Buffer();
-      return CVKT7Buffer(m_answer, m_answer[2] + 3);
-    } catch (const CWrongPacketException&) {
-      LOG_CRIT("CVKT7LowLevelConnector::Resend %d time", attempt);
-    }
-  }
-  throw CWrongPacketException();
-}
-
-bool CVKT7LowLevelConnector::ReadCount(unsigned char* dest, unsigned short count) {
-  int got = 0;
-  for (;;) {
-    int n = m_connector->ReadBuffer(dest + got, static_cast<unsigned short>(count - got), m_led);
-    if (n == -1) {
-      LOG_ERR("CVKT7LowLevelConnector::ReadCount - readed -1 - need to read - \"%d\", already readed - \"%d\"!!!",
-              count, got);
-      throw CWrongPacketException();
-    }
-    got += n;
-    if (got > count) {
-      LOG_ERR("CVKT7LowLevelConnector::ReadCount - readed more!!!");
-      throw CWrongPacketException();
-    }
-    if (got == count) return true;
-    LOG_WARNING("CVKT7LowLevelConnector::ReadCount - Readed not full string");
-    std::this_thread::sleep_for(std::chrono::microseconds(PartialReadPause(count - got, m_baud)));
-  }
-}
-
-unsigned char CVKT7LowLevelConnector::CheckResult(const unsigned char* request, const unsigned char* answer,
-                                                  const char* func_name, bool tolerate_error) {
-  if ((answer[1] & 0x80) == 0) return 0;
-  vkt7::WriteDebugLine(answer[2], answer[1], answer[2] | (answer[3] << 8), func_name);
-  LOG_ERR("CVKT7LowLevelConnector::CheckResult - Error on return answer. Code error %X. Type packet - %X. function %X",
-          answer[2], answer[1], answer[2]);
-  if (!tolerate_error) throw CDisconnectException();
-  return answer[2];
+  mcd::LinkReply reply = m_exchange->Exchange(request, length, func_name, tolerate_error);
+  if (reply.empty()) return CVKT7Buffer();
+  return CVKT7Buffer(reply.data, reply.length);
 }

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "drivers/base/byte_buffer.h"
 #include "drivers/base/exceptions.h"
+#include "drivers/base/link_exchange.h"
 
 class CConnector;
 
@@ -36,38 +38,23 @@ void WriteDebugLine(int code, int type, int function, const char* name);
 class CVKT7LowLevelConnector {
  public:
   CVKT7LowLevelConnector(CConnector* connector, bool led);
-  virtual ~CVKT7LowLevelConnector() = default;
+  ~CVKT7LowLevelConnector();
   CVKT7LowLevelConnector(const CVKT7LowLevelConnector&) = delete;
   CVKT7LowLevelConnector& operator=(const CVKT7LowLevelConnector&) = delete;
 
   // Completes the request's checksum, sends it and reads the answer, up to three
   // times when the answer does not arrive. Returns a view on the answer from its
   // address byte on (answer[2] + 3 bytes), or an empty view for a tolerated error
-  // answer. The view is valid until the next exchange.
+  // answer. The view is valid until the next exchange. Stale input is dropped before
+  // every send; after a partial read the link waits the wire time of the missing
+  // bytes at the port's "speed" (9600 when missing) plus 10 % and 20 ms.
   CVKT7Buffer SendString(unsigned char* request, unsigned short length, const char* func_name,
                          bool tolerate_error);
 
-  // Reads exactly count bytes or throws CWrongPacketException.
-  bool ReadCount(unsigned char* dest, unsigned short count);
-
-  // The error code of an error answer (0 for any other answer); throws
-  // CDisconnectException for an error answer unless tolerate_error is set.
-  unsigned char CheckResult(const unsigned char* request, const unsigned char* answer, const char* func_name,
-                            bool tolerate_error);
-
-  unsigned char LastError() const { return m_ucLastError; }
-  const unsigned char* Answer() const { return m_answer; }
-
-  static constexpr size_t kAnswerSize = 267;
-
-  // Microseconds to wait after a partial read for the bytes still due: their wire
-  // time at the line's speed (10 bits a byte) plus 10 % and 20 ms.
-  static long PartialReadPause(int bytesDue, int baud);
+  unsigned char LastError() const;
+  const unsigned char* Answer() const;
 
  private:
-  unsigned char m_ucLastError = 0;
-  unsigned char m_answer[kAnswerSize] = {};
-  CConnector* m_connector;
-  bool m_led;
-  int m_baud;  // the line's speed, from the port's "speed" (9600 when missing)
+  std::unique_ptr<mcd::LinkPolicy> m_policy;
+  std::unique_ptr<mcd::LinkExchange> m_exchange;
 };

@@ -137,13 +137,6 @@ TEST_F(Vkt7LinkTest, AnswerArrivingInPiecesIsJoined) {
   EXPECT_GE(log.Count("CVKT7LowLevelConnector::ReadCount - Readed not full string"), 1u);
 }
 
-TEST(Vkt7LinkPause, PartialReadWaitsForTheBytesStillDue) {
-  // 10 bytes at 9600 baud are 10416 us on the wire; plus 10 % and 20 ms
-  EXPECT_EQ(CVKT7LowLevelConnector::PartialReadPause(10, 9600), 10416 + 1041 + 20000);
-  // a long answer at a slow line waits longer than the old fixed 100 ms
-  EXPECT_EQ(CVKT7LowLevelConnector::PartialReadPause(255, 2400), 1062500 + 106250 + 20000);
-}
-
 TEST(Vkt7DiagTest, BrokenAnswerLineAndFrameDumpRemovalPastTheLimit) {
   mcdtest::TempRoot root;
   const unsigned char bytes[8] = {0xFF, 0x0A, 0x00, 0, 0, 0, 0, 0};

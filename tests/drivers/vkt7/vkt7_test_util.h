@@ -26,7 +26,7 @@ using Bytes = std::vector<unsigned char>;
 // An answer as the link stores it: address, type, count and data in a buffer as large
 // as the link's own, so reads one past the answer stay inside it.
 struct Image {
-  std::array<unsigned char, CVKT7LowLevelConnector::kAnswerSize> bytes{};
+  std::array<unsigned char, 272> bytes{};
   int length = 0;
 
   explicit Image(const Bytes& data) {
