@@ -3,7 +3,9 @@
 #include <cstring>
 
 #include "drivers/base/exceptions.h"
-#include "drivers/esko/esko_driver.h"
+#include "drivers/base/base_driver.h"
+#include "drivers/esko/esko_link.h"
+#include "drivers/esko/esko_values.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -29,14 +31,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   want.hour = eskoKind ? 0 : FromBcd(reply[7]);
   const time_t when = 1700000000;
 
-  Cmcd_MTR06 driver;
   ParamValueList out;
   try {
-    driver.ParseArchPage(reply, length, eskoKind, type, want, when, out);
+    mcd::esko::ParseArchPage(CMTR06Buffer(reply, length), {eskoKind, type, want, when}, "Cmcd_MTR06::", out);
   } catch (const std::exception&) {
   }
   try {
-    driver.parse_inWork(CMTR06Buffer(reply + 4, length > 4 ? length - 4 : 0), type, when, out);
+    mcd::esko::parse_inWork(CMTR06Buffer(reply + 4, length > 4 ? length - 4 : 0), type, when, "Cmcd_MTR06::", out);
   } catch (const std::exception&) {
   }
   return 0;

@@ -22,6 +22,8 @@ using namespace mcd::esko;
 
 namespace {
 
+// The error code of the meter's answer when it holds no record for a date.
+const uint8_t kNoRecordCode = 3;
 // A meter clock further than this from the controller's clock is not used for dates.
 const long kMaxClockAway = 7 * 86400;
 // The oldest record is not looked for further back than this before the newest: the
@@ -42,16 +44,6 @@ cal::Label AskLabel(int kind, time_t t) {
   return label;
 }
 
-// A date as the meter writes it: BCD year less 2000, month, day, hour.
-cal::Label MeterLabel(const unsigned char* p) {
-  cal::Label label;
-  label.year = 2000 + BCDByte(p[0]);
-  label.month = BCDByte(p[1]);
-  label.day = BCDByte(p[2]);
-  label.hour = BCDByte(p[3]);
-  return label;
-}
-
 }  // namespace
 
 void CEskoDriver::PatchDate(unsigned char* image, int eskoKind, const cal::Label& label) const {
@@ -64,15 +56,6 @@ void CEskoDriver::PatchDate(unsigned char* image, int eskoKind, const cal::Label
 
 // ---------------------------------------------------------------------------------
 // The meter clock
-
-bool CEskoDriver::DecodeMeterClock(const unsigned char* p, time_t& out) {
-  struct tm parts;
-  if (!DecodeMeterDate(p, true, parts)) return false;
-  const time_t t = mktime(&parts);
-  if (t == static_cast<time_t>(-1)) return false;
-  out = t;
-  return true;
-}
 
 void CEskoDriver::NoteClockState(int state, const unsigned char* raw, long away) {
   const int before = m_clockState;
@@ -138,20 +121,7 @@ CEskoDriver::RecordOutcome CEskoDriver::FindArchDate(int eskoKind, const cal::La
   return kRecordOk;
 }
 
-bool CEskoDriver::CheckArchDate(int eskoKind, const cal::Label& got, const cal::Label& want, const char* func) const {
-  const char* p = m_info.driverPrefix;
-  const char* field = nullptr;
-  int a = 0, b = 0;
-  if (got.year != want.year) field = "Year", a = got.year, b = want.year;
-  else if (got.month != want.month) field = "Month", a = got.month, b = want.month;
-  else if (got.day != want.day) field = "Day", a = got.day, b = want.day;
-  else if (eskoKind == 0 && got.hour != want.hour) field = "Hour", a = got.hour, b = want.hour;
-  if (!field) return true;
-  LOG_ERR("%s%s - Returned %s %d != requested %d! \r\n", p, func, field, a, b);
-  return false;
-}
-
-CEskoDriver::RecordOutcome CEskoDriver::FindArchRecNum(int eskoKind, const cal::Label& label, int& recordIndex) {
+CEskoDriver::RecordOutcome CEskoDriver::FindArchRecNum(int eskoKind, const cal::Label& label) {
   const char* p = m_info.driverPrefix;
   LOG_DEBUG("%sFindArchRecNum: rqst date- %lu, %02d.%02d.%04d %02d:00 \r", p,
             static_cast<unsigned long>(cal::FromLabel(label)), label.day, label.month, label.year,
@@ -173,7 +143,7 @@ CEskoDriver::RecordOutcome CEskoDriver::FindArchRecNum(int eskoKind, const cal::
   const cal::Label got = MeterLabel(v.data + 5);
   LOG_DEBUG("%sFindArchRecNum: got arch date- %02d.%02d.%04d %02d:%02d \r", p, got.day, got.month, got.year, got.hour,
             BCDByte(v.data[9]));
-  if (!CheckArchDate(eskoKind, got, label, "CheckArchDate")) return kRecordFailed;
+  if (!CheckArchDate(eskoKind, got, label, p, "CheckArchDate")) return kRecordFailed;
 
   m_img.A1[4] = static_cast<unsigned char>((index >> 8) & 0xFF);
   m_img.A1[5] = static_cast<unsigned char>(index & 0xFF);
@@ -182,7 +152,6 @@ CEskoDriver::RecordOutcome CEskoDriver::FindArchRecNum(int eskoKind, const cal::
   char text[96];
   snprintf(text, sizeof text, "%sFindArchRecNum: arch rec 0x%04x", p, index);
   m_link->WriteRawLog(v.data, v.length, text);
-  recordIndex = static_cast<int>(index);
   return kRecordOk;
 }
 
@@ -204,40 +173,14 @@ bool CEskoDriver::ReadArchData(int eskoKind, int type, const cal::Label& label, 
     LOG_ERR("%sReadArchData - NOT ENOUGH DATA returned: %d !!!\r\n", p, v.length);
     return false;
   }
-  return ParseArchPage(v.data, v.length, eskoKind, type, label, stamp, out);
-}
-
-bool CEskoDriver::ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type,
-                                const cal::Label& label, time_t stamp, ParamValueList& out) {
-  const char* p = m_info.driverPrefix;
-  if (!reply || length < 260) return false;
-  const unsigned char* d = reply + 4;
-  LOG_DEBUG("arch page date raw [Y.M.D h:m]:  %02x.%02x.%02x %02x:%02x \r\n", d[0], d[1], d[2], d[3], d[4]);
-  const cal::Label got = MeterLabel(d);
-  LOG_DEBUG("arch page date - %02d.%02d.%04d %02d:%02d \r\n", got.day, got.month, got.year, got.hour, BCDByte(d[4]));
-  if (!CheckArchDate(eskoKind, got, label, "FindArchDate")) return false;
-  // The page carries a complemented sum of its bytes; meters in the field are known to
-  // send pages whose sum does not match, so a mismatch is only logged.
-  const uint8_t cs = CalcCSInverted(reply + 4, 255);
-  if (cs != reply[259]) LOG_DEBUG("%sReadArchData - WRONG ARCH PAGE CS: x%02x, got x%02x\r\n", p, cs, reply[259]);
-
-  LOG_DEBUG("%sReadArchData: parsing received pages\r", p);
-  const cal::Label st = cal::LocalLabel(stamp);
-  LOG_DEBUG("%sReadArchData: arch time %lu  %02d-%02d-%04d %02d:00\r", p, static_cast<unsigned long>(stamp), st.day,
-            st.month, st.year, st.hour);
-  CMeterBuffer page = Cursor(ReplyView{reply, length});
-  page += 4;
-  parse_inWork(page, type, stamp, out);
-  LOG_DEBUG("%sReadArchData finished.\r", p);
-  return true;
+  return ParseArchPage(Cursor(v), PageAsk{eskoKind, type, label, stamp}, p, out);
 }
 
 CEskoDriver::RecordOutcome CEskoDriver::ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out) {
   const cal::Label label = AskLabel(eskoKind, Next(eskoKind, stamp));
   const size_t before = out.size();
   try {
-    int index = 0;
-    const RecordOutcome found = FindArchRecNum(eskoKind, label, index);
+    const RecordOutcome found = FindArchRecNum(eskoKind, label);
     if (found != kRecordOk) return found;
     if (ReadArchData(eskoKind, type, label, stamp, out)) return kRecordOk;
   } catch (const std::exception& e) {
@@ -363,19 +306,36 @@ int CEskoDriver::get_arch_values(int type, time_t from, time_t to, ParamValueLis
   if (type != ARCH_HOURLY && type != ARCH_DAILY) return 2;
   const int kind = type == ARCH_HOURLY ? 0 : 1;
   const char* word = kind == 0 ? "Hourly" : "Daily";
-  const char* typeText = kind == 0 ? "HOURLY" : "DAILY";
-  const char* p = m_info.driverPrefix;
   const time_t first = kind == 0 ? m_firstHour : m_firstDay;
   LOG_DEBUG("get_arch_values: want ask %s values from %lu to %lu \r", word, static_cast<unsigned long>(from),
             static_cast<unsigned long>(to));
   LOG_DEBUG("get_arch_values: MaxTime%s %lu, meter time %lu \r", kind == 0 ? "Hour" : "Day",
             static_cast<unsigned long>(first), static_cast<unsigned long>(m_meterTime));
   const size_t before = out.size();
-  // After a failure the rest of this reading is left for the next turn, so that the
-  // records filed never leave a gap behind them.
-  bool covered = !m_archBroken;
-  if (!covered) LOG_ERR("%sget_arch_values: a reading failed earlier, %s left for the next turn\r\n", p, typeText);
-  for (time_t t = Start(kind, from); covered && t <= to; t = Next(kind, t)) {
+  const bool covered = WalkRecords(kind, type, from, to, out);
+  const char* lp = m_info.loopPrefix;
+  const bool got = out.size() > before;
+  if (kind == 0)
+    LOG_INFO(got ? "%sReadHourlyArch readed all hourly values." : "%sReadHourlyArch archive hourly info is absent.", lp);
+  else
+    LOG_INFO(got ? "%sReadDailyArch readed all daily values." : "%sReadDailyArch archive daily info is absent.", lp);
+  return covered ? 1 : 0;
+}
+
+// Reads the records from `from` to `to`. A record the meter declares absent is
+// skipped; after any other failure the rest of this reading is left for the next
+// turn, so that the records filed never leave a gap behind them. False when the walk
+// did not cover the whole span.
+bool CEskoDriver::WalkRecords(int kind, int type, time_t from, time_t to, ParamValueList& out) {
+  const char* word = kind == 0 ? "Hourly" : "Daily";
+  const char* typeText = kind == 0 ? "HOURLY" : "DAILY";
+  const char* p = m_info.driverPrefix;
+  const time_t first = kind == 0 ? m_firstHour : m_firstDay;
+  if (m_archBroken) {
+    LOG_ERR("%sget_arch_values: a reading failed earlier, %s left for the next turn\r\n", p, typeText);
+    return false;
+  }
+  for (time_t t = Start(kind, from); t <= to; t = Next(kind, t)) {
     if (t < from || t < first) continue;  // before the oldest record: nothing to ask
     LOG_DEBUG("Start read %s values at %lu, JSON type %d[%s], ESKO type %d\r", word,
               static_cast<unsigned long>(Next(kind, t)), type, typeText, kind);
@@ -388,14 +348,8 @@ int CEskoDriver::get_arch_values(int type, time_t from, time_t to, ParamValueLis
       LOG_ERR("%sget_arch_values: %s record for %02d.%02d.%04d %02d:00 (%lu) not read, the reading stops there\r\n",
               p, typeText, l.day, l.month, l.year, l.hour, static_cast<unsigned long>(t));
       m_archBroken = true;
-      covered = false;
+      return false;
     }
   }
-  const char* lp = m_info.loopPrefix;
-  const bool got = out.size() > before;
-  if (kind == 0)
-    LOG_INFO(got ? "%sReadHourlyArch readed all hourly values." : "%sReadHourlyArch archive hourly info is absent.", lp);
-  else
-    LOG_INFO(got ? "%sReadDailyArch readed all daily values." : "%sReadDailyArch archive daily info is absent.", lp);
-  return covered ? 1 : 0;
+  return true;
 }

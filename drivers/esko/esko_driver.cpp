@@ -32,37 +32,6 @@ enum {
 };
 enum { kKindCurrent = 0, kKindIntegral = 1, kKindSystem = 7, kKindSettings = 9 };
 
-// Unit codes of the raw archive parameters.
-enum { kUnitC = 1, kUnitHour = 2, kUnitMin = 3, kUnitTon = 6, kUnitGcal = 7, kUnitM3 = 10, kUnitM3h = 11,
-       kUnitTonH = 12, kUnitAtm = 16, kUnitMm = 23 };
-
-std::vector<EskoRawParam> BuildRawTable() {
-  std::vector<EskoRawParam> t;
-  for (int s = 0; s < 3; ++s) {
-    t.push_back({"Massa", "Value", 4, s, kUnitTon, 0, 22, kRawFloat});
-    t.push_back({"Massa", "Value", 4, s, kUnitTon, 0, 23, kRawFloat});
-    t.push_back({"Qo", "Value", 4, s, kUnitGcal, 0, 17, kRawFloat});
-    t.push_back({"Vo", "Value", 4, s, kUnitM3, 0, 19, kRawFloat});
-    t.push_back({"Vo", "Value", 4, s, kUnitM3, 0, 20, kRawFloat});
-    t.push_back({"t", "Value", 2, s, kUnitC, 2, 6, kRawS16});
-    t.push_back({"t", "Value", 2, s, kUnitC, 2, 7, kRawS16});
-    t.push_back({"P", "Value", 1, s, kUnitAtm, 1, 9, kRawU8});
-    t.push_back({"P", "Value", 1, s, kUnitAtm, 1, 10, kRawU8});
-    t.push_back({"Tmin", "NotErr_Type", 2, s, kUnitMin, 0, 25, kRawU16});
-    t.push_back({"Tmax", "NotErr_Type", 2, s, kUnitMin, 0, 26, kRawU16});
-    t.push_back({"Tw", "TimeOfWork", 2, s, kUnitMin, 0, 18, kRawU16});
-    t.push_back({"Terr_nw", "Err_Type", 2, s, kUnitMin, 0, 27, kRawU16});
-    t.push_back({"Tp", "TimeOfPowerOn", 2, s, kUnitMin, 0, 28, kRawU16});
-    t.push_back({"Terr_np", "Err_Type", 2, s, kUnitMin, 0, 29, kRawU16});
-    t.push_back({"Tdt", "NotErr_Type", 2, s, kUnitMin, 0, -1, kRawU16});
-    t.push_back({"Tf", "TimeOfFailure", 2, s, kUnitMin, 0, -1, kRawU16});
-    t.push_back({"reserved", "Value", 6, s, 0, 0, -1, kRawSkip});
-  }
-  // The error words of the three heat systems close the table.
-  for (int s = 0; s < 3; ++s) t.push_back({"Err", "Err_Type", 2, s, 0, 0, kER, kRawU16});
-  return t;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------
@@ -84,7 +53,6 @@ CEskoDriver::CEskoDriver(const EskoModel& model) : m_info(model) {
   set(m_img.A31, 'A', 3, 1);
   set(m_img.A4, 'A', 4, 0);
   set(m_img.A41, 'A', 4, 1);
-  FillUnits();
 }
 
 CEskoDriver::~CEskoDriver() { stop(); }
@@ -102,36 +70,6 @@ CEskoLowLevelConnector* Cmcd_TM3E::MakeLink(CConnector* connector, bool led) {
 }
 
 // ---------------------------------------------------------------------------------
-
-uint8_t CEskoDriver::CalcCSInverted(const unsigned char* bytes, int count) {
-  return static_cast<uint8_t>(~CEskoLowLevelConnector::CalcCS(bytes, count));
-}
-
-int CEskoDriver::RecordBase(int eskoKind) {
-  switch (eskoKind) {
-    case 0: return 0x220;
-    case 1: return 0x20;
-    case 2: return 2;
-    default: return 0;
-  }
-}
-
-const EskoRawParam* CEskoDriver::RawTable(int& count) {
-  static const std::vector<EskoRawParam> table = BuildRawTable();
-  count = static_cast<int>(table.size());
-  return table.data();
-}
-
-const std::string& CEskoDriver::UnitText(int code) const {
-  static const std::string blank = " ";
-  if (code < 1 || code > 37) return blank;
-  return m_units[code];
-}
-
-std::string CEskoDriver::SchemeName(int circuitType, int mode) {
-  const char* name = circuitType == 0 ? "Закрытый" : circuitType == 1 ? "Открытый" : "Расходомер";
-  return std::string(name) + " (Режим " + std::to_string(mode) + ")";
-}
 
 CMeterBuffer CEskoDriver::Cursor(const ReplyView& view) const {
   if (m_info.statVer4x) return CTM3EBuffer(view.data, view.length);
@@ -174,18 +112,6 @@ void CEskoDriver::SaveConnector(CConnector* connector) {
   LOG_INFO("%sSaveConnector: net_addr = %d\r\n", m_info.driverPrefix, m_link->GetNetAddress());
 }
 
-void CEskoDriver::FillUnits() {
-  static const struct {
-    int code;
-    const char* text;
-  } kUnits[] = {{1, "°C"},   {2, "ч"},     {3, "мин"}, {4, "с"},    {5, "кг"},  {6, "т"},     {7, "Гкал"},
-                {8, "т3"},   {9, "л"},     {10, "м3"}, {11, "м3ч"}, {12, "т/ч"}, {13, "кг/ч"}, {14, "МВт"},
-                {15, "кВт"}, {16, "Aтм"},  {17, "МПа"}, {18, "кгс/см2"}, {19, "ГДж"}, {20, "МВтч"}, {21, "кВтч"},
-                {22, "%"},   {23, "мм"},   {24, "л/ч"}};
-  for (auto& unit : m_units) unit = " ";
-  for (const auto& u : kUnits) m_units[u.code] = u.text;
-}
-
 namespace {
 double U16(const ReplyView& v, int at) { return static_cast<double>((v.data[at] << 8) | v.data[at + 1]); }
 bool Usable(const ReplyView& v) { return !v.empty() && v.length > 12; }
@@ -209,30 +135,30 @@ void CEskoDriver::ParseModel(const ReplyView& v) {
     LOG_CRIT("%sInit:Statistics ver is wrong for addr %u: x%x, need 0x4x!!!\r\n", p, addr, statVer);
 }
 
-void CEskoDriver::init() {
-  for (auto& s : m_sys) s = SystemState();
-  m_firstHour = m_firstDay = 0;
-  m_haveTimes = false;
-  m_oldest[0] = m_oldest[1] = 0;
-  m_archType = 3;
-  m_model = 96;
-  m_serial = 0;
-  m_firmware.clear();
+void CEskoDriver::ParseSerial(const ReplyView& v) {
+  if (!Usable(v)) return;
+  char text[9];
+  std::memcpy(text, v.data + 5, 8);
+  text[8] = 0;
+  unsigned serial = 0;
+  if (sscanf(text, "%u", &serial) == 1) m_serial = serial;
+  LOG_INFO("%sInit:SerialNum %u\r\n", m_info.initPrefix, m_serial);
+}
 
-  FillUnits();
+void CEskoDriver::ParseFirmware(const ReplyView& v) {
+  if (!Usable(v)) return;
+  m_firmware.assign(reinterpret_cast<const char*>(v.data + 5), 4);
+  m_firmware = m_firmware.c_str();  // stop at a NUL
+  LOG_INFO("%sInit:Firmware Version %s\r\n", m_info.initPrefix, m_firmware.c_str());
+}
 
+// Serial number, model and firmware; a failed read leaves its default and the next is
+// still asked.
+void CEskoDriver::ReadIdentification() {
   const char* p = m_info.initPrefix;
   try {
     LOG_INFO("%sInit: ask SerialNum\r", p);
-    ReplyView v = ReadR(0x0000, "GetSerialNumber");
-    if (!v.empty() && v.length > 12) {
-      char text[9];
-      std::memcpy(text, v.data + 5, 8);
-      text[8] = 0;
-      unsigned serial = 0;
-      if (sscanf(text, "%u", &serial) == 1) m_serial = serial;
-      LOG_INFO("%sInit:SerialNum %u\r\n", p, m_serial);
-    }
+    ParseSerial(ReadR(0x0000, "GetSerialNumber"));
   } catch (const std::exception& e) {
     LOG_ERR("%sInit: serial number not read: %s\r\n", p, e.what());
   }
@@ -245,15 +171,22 @@ void CEskoDriver::init() {
   m_modelText = std::to_string(m_model);
   try {
     LOG_INFO("%sInit: ask Firmware Version\r", p);
-    ReplyView v = ReadR(0x00D8, "GetVersion");
-    if (!v.empty() && v.length > 12) {
-      m_firmware.assign(reinterpret_cast<const char*>(v.data + 5), 4);
-      m_firmware = m_firmware.c_str();  // stop at a NUL
-      LOG_INFO("%sInit:Firmware Version %s\r\n", p, m_firmware.c_str());
-    }
+    ParseFirmware(ReadR(0x00D8, "GetVersion"));
   } catch (const std::exception& e) {
     LOG_ERR("%sInit: firmware version not read: %s\r\n", p, e.what());
   }
+}
+
+void CEskoDriver::init() {
+  for (auto& s : m_sys) s = SystemState();
+  m_firstHour = m_firstDay = 0;
+  m_haveTimes = false;
+  m_oldest[0] = m_oldest[1] = 0;
+  m_archType = 3;
+  m_model = 96;
+  m_serial = 0;
+  m_firmware.clear();
+  ReadIdentification();
 }
 
 // ---------------------------------------------------------------------------------
@@ -373,9 +306,11 @@ ParamValueList CEskoDriver::get_all_system_values() {
   const bool complete = GetSystemData();
   bool any = complete || m_serial != 0 || !m_firmware.empty();
   for (const auto& s : m_sys) any = any || s.haveCircuit;
-  if (!any) return out;
+  if (any) AddSystemValues(out, mcd::Now());
+  return out;
+}
 
-  const time_t now = mcd::Now();
+void CEskoDriver::AddSystemValues(ParamValueList& out, time_t now) {
   AddValue(out, "MeterManufacturer", kMaker_, kKindSystem, kMaker, "", 0, now, 0);
   AddValue(out, "MeterModel", kModel_, kKindSystem, m_info.modelText, "", 0, now, m_model);
   if (!m_firmware.empty()) AddValue(out, "Firmware", kFirmware, kKindSystem, m_firmware, "", 0, now, 0);
@@ -401,7 +336,6 @@ ParamValueList CEskoDriver::get_all_system_values() {
       AddValue(out, "M2min", kM2min, kKindSettings, SignificantText(st.gminM2, 12), "м3ч", s, now, st.gminM2);
     }
   }
-  return out;
 }
 
 // ---------------------------------------------------------------------------------
@@ -500,54 +434,6 @@ ParamValueList CEskoDriver::get_all_curtime_cur_integ_values() {
     LOG_ERR("get_all_curtime_cur_integ_values: exception!\r");
   }
   return out;
-}
-
-// ---------------------------------------------------------------------------------
-
-int CEskoDriver::parse_inWork(const CMeterBuffer& page, int type, time_t stamp, ParamValueList& out) {
-  int count = 0;
-  const EskoRawParam* table = RawTable(count);
-  CMeterBuffer c = page;
-  c += 5;  // the page date
-  ParamValueList values;
-  uint32_t errors[3] = {0, 0, 0};
-  int parsed = 0;
-  for (int i = 0; i < count; ++i) {
-    const EskoRawParam& e = table[i];
-    LOG_DEBUG("raw param[%d] %d, size %d, sys %d, dim %d, dec_pos %d, jsonParm %d, jsonType %d\r", i, e.encoding,
-              e.size, e.sys, e.dim, e.decPos, e.jsonParm, type);
-    if (e.jsonParm < 0 || e.encoding == kRawSkip) {
-      LOG_DEBUG("param - %d;%d : skip UNKNOWN_JSONRPC!\r\n", i, type);
-      c += e.size;
-      continue;
-    }
-    if (e.jsonParm == kER) {
-      errors[e.sys] = ReadU16(c, "parse_inWork");
-      c += e.size;
-      continue;
-    }
-    std::string text;
-    switch (e.encoding) {
-      case kRawFloat: text = GetFloatAsString(c); break;
-      case kRawS16: text = GetIntDivAsString(c, e.decPos); break;
-      case kRawU8: text = GetCharDivAsString(c, e.decPos); break;
-      default: text = e.decPos == 0 ? GetUShortAsString(c) : SignificantText(ReadU16(c) / std::pow(10.0, e.decPos), 12);
-    }
-    values.emplace_back(e.jsonParm, type, text, UnitText(e.dim), kQuality, 0, static_cast<uint8_t>(e.sys),
-                        static_cast<int32_t>(stamp));
-    ++parsed;
-    c += e.size;
-  }
-  LOG_DEBUG("%sparse_inWork: parsed %d values, store system errors  [ x%X, x%X, x%X ]\r", m_info.driverPrefix, parsed,
-            errors[0], errors[1], errors[2]);
-  for (auto& v : values) {
-    v.error = static_cast<uint8_t>(errors[v.sys % 3] & 0xFF);
-    out.push_back(v);
-  }
-  for (int s = 0; s < 3; ++s)
-    out.emplace_back(kER, type, std::to_string(errors[s]), "", kQuality, static_cast<uint8_t>(errors[s] & 0xFF),
-                     static_cast<uint8_t>(s), static_cast<int32_t>(stamp));
-  return parsed;
 }
 
 // ---------------------------------------------------------------------------------

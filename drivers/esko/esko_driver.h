@@ -25,20 +25,6 @@ struct EskoModel {
   bool statVer4x;            // true: the meter needs a statistics version 0x4N
 };
 
-// One entry of the raw parameter table of an archive page.
-struct EskoRawParam {
-  const char* name;  // raw parameter name as the meter's documentation calls it
-  const char* kind;  // class of the value: "Value", "TimeOfWork", "Err_Type", ...
-  int size;          // bytes on the page
-  int sys;           // heat system 0..2
-  int dim;           // unit code (index into the unit table)
-  int decPos;        // decimal position (digits after the point)
-  int jsonParm;      // parameter id of the dictionary, -1 when none
-  int encoding;      // EskoRawEncoding
-};
-
-enum EskoRawEncoding { kRawFloat = 0, kRawS16, kRawU16, kRawU8, kRawSkip };
-
 class CEskoDriver : public CMcdBaseDriver {
  public:
   ~CEskoDriver() override;
@@ -49,68 +35,6 @@ class CEskoDriver : public CMcdBaseDriver {
   ParamValueList get_all_system_values() override;
   int GetTimestamps(Timestamps& out) override;
   int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
-
-  // --- steps, public for tests ---
-  // Reads the system data into the per-system state; false after a link failure.
-  bool GetSystemData();
-
-  // How one archive record came out: read, declared absent by the meter (its
-  // no-record answer to the find request), or not read (any other failure).
-  enum RecordOutcome { kRecordOk, kRecordAbsent, kRecordFailed };
-  // The error code of the meter's answer when it holds no record for a date.
-  static constexpr uint8_t kNoRecordCode = 3;
-
-  // 'A' 3 find of the record of the ESKO kind (0 hourly, 1 daily) dated `label`:
-  // record number and "record rest". kRecordAbsent on the no-record answer; throws on
-  // every other failure.
-  RecordOutcome FindArchDate(int eskoKind, const mcd::cal::Label& label, unsigned& recordNumber,
-                             unsigned& recordRest);
-  // Locates the record dated `label`, checks its date ('L') and reads it by index.
-  RecordOutcome FindArchRecNum(int eskoKind, const mcd::cal::Label& label, int& recordIndex);
-  // Whether a date the meter gave (`got`) is the `want`ed one; the hour counts for
-  // hourly records only. `func` names the check in the messages.
-  bool CheckArchDate(int eskoKind, const mcd::cal::Label& got, const mcd::cal::Label& want, const char* func) const;
-  // Reads the page dated `label` and parses it, stamped `stamp`, into out.
-  bool ReadArchData(int eskoKind, int type, const mcd::cal::Label& label, time_t stamp, ParamValueList& out);
-  // Checks the page of an answer (reply bytes 0..259) against `label` and parses it.
-  bool ParseArchPage(const unsigned char* reply, int length, int eskoKind, int type, const mcd::cal::Label& label,
-                     time_t stamp, ParamValueList& out);
-  // Walks the raw parameter table over the page data (reply byte 4 on).
-  int parse_inWork(const mcd::CMeterBuffer& page, int type, time_t stamp, ParamValueList& out);
-  // The record time (local label start) of the oldest record of the kind that the
-  // meter holds, looked for by bisection with the find request; 0 when it holds none.
-  time_t FindOldest(int eskoKind, time_t meterTime);
-  // The meter clock of a 'T' 'G' answer (bytes 5..10); false when a field is out of range.
-  static bool DecodeMeterClock(const unsigned char* p, time_t& out);
-
-  static uint8_t CalcCSInverted(const unsigned char* bytes, int count);
-  static int RecordBase(int eskoKind);
-  // The raw parameter table of an archive page, and its entry count.
-  static const EskoRawParam* RawTable(int& count);
-  // Unit text of a raw unit code (1..37); a blank for codes without a unit.
-  const std::string& UnitText(int code) const;
-
-  CEskoLowLevelConnector* Link() const { return m_link.get(); }
-  uint16_t Model() const { return m_model; }
-  const std::string& ModelText() const { return m_modelText; }
-  uint32_t SerialNumber() const { return m_serial; }
-  const std::string& Firmware() const { return m_firmware; }
-  int ArchTypeCode() const { return m_archType; }
-  double RangeM1(int s) const { return m_sys[s].rangeM1; }
-  double RangeM2(int s) const { return m_sys[s].rangeM2; }
-  double GminM1(int s) const { return m_sys[s].gminM1; }
-  double GminM2(int s) const { return m_sys[s].gminM2; }
-  double GmaxM1(int s) const { return m_sys[s].gmaxM1; }
-  double GmaxM2(int s) const { return m_sys[s].gmaxM2; }
-  double GminM1Pct(int s) const { return m_sys[s].gminM1Pct; }
-  double GmaxM1Pct(int s) const { return m_sys[s].gmaxM1Pct; }
-  double DN1(int s) const { return m_sys[s].dn1; }
-  double DN2(int s) const { return m_sys[s].dn2; }
-  int CircuitType(int s) const { return m_sys[s].circuit; }
-  time_t FirstHourArch() const { return m_firstHour; }
-  time_t FirstDayArch() const { return m_firstDay; }
-  // The scheme name published for a circuit type and mode.
-  static std::string SchemeName(int circuitType, int mode);
 
  protected:
   explicit CEskoDriver(const EskoModel& model);
@@ -130,36 +54,57 @@ class CEskoDriver : public CMcdBaseDriver {
     time_t archBase = 0;      // time base of archive records
   };
 
+  // How one archive record came out: read, declared absent by the meter (its
+  // no-record answer to the find request), or not read (any other failure).
+  enum RecordOutcome { kRecordOk, kRecordAbsent, kRecordFailed };
+
   struct Images {
     unsigned char TG[13], TS[13], G[13], R[13], L[13], A1[13], A3[13], A31[13], A4[13], A41[13];
   };
 
-  mcd::CMeterBuffer Cursor(const ReplyView& view) const;
+  // Exchanges: each sends one image and returns the checked answer.
   ReplyView Send(unsigned char* image, const char* funcName);
   ReplyView ReadR(uint16_t address, const char* funcName);
   ReplyView ReadG(uint16_t address, const char* funcName);
   void PatchDate(unsigned char* image, int eskoKind, const mcd::cal::Label& label) const;
-  bool ReadMeterClock(time_t& meter);
-  void NoteClockState(int state, const unsigned char* raw, long away);
-  bool HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest);
-  time_t Bisect(int eskoKind, time_t without, time_t with);
-  time_t StepBack(int eskoKind, time_t t, unsigned count, time_t limit) const;
-  time_t GallopBack(int eskoKind, time_t with, time_t limit);
-  RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
-  RecordOutcome LocateRecord(int eskoKind, const mcd::cal::Label& label);
-  void CalcReal(bool max);
-  // Parsers of the system-data answers (empty or short answers leave the state as is).
+  mcd::CMeterBuffer Cursor(const ReplyView& view) const;
+
+  // Identification and system data: each answer is parsed into the driver's state
+  // (an empty or short answer leaves the state as it is).
+  void ReadIdentification();
+  void ParseSerial(const ReplyView& v);
   void ParseModel(const ReplyView& v);
+  void ParseFirmware(const ReplyView& v);
+  bool GetSystemData();
   void ParseCircuits(const ReplyView& v);
   void ParseRanges(const ReplyView& v, bool third);
   void ParseLimits(const ReplyView& v, bool max);
   void ParseDN(const ReplyView& v, bool third);
+  void CalcReal(bool max);
+  void AddSystemValues(ParamValueList& out, time_t now);
+
   // Current values of the three heat systems and ta; integrators with their date.
   void ReadCurrent(ParamValueList& out, time_t now);
   void ReadIntegrators(ParamValueList& out, time_t now);
-  void FillUnits();
   void AddValue(ParamValueList& out, const char* name, int id, int kind, const std::string& text, const char* dim,
                 int sys, time_t stamp, double shown);
+
+  // The meter clock, and the oldest record held per kind (found by bisection).
+  bool ReadMeterClock(time_t& meter);
+  void NoteClockState(int state, const unsigned char* raw, long away);
+  time_t FindOldest(int eskoKind, time_t meterTime);
+  bool HoldsRecord(int eskoKind, time_t recordTime, unsigned* rest);
+  time_t Bisect(int eskoKind, time_t without, time_t with);
+  time_t StepBack(int eskoKind, time_t t, unsigned count, time_t limit) const;
+  time_t GallopBack(int eskoKind, time_t with, time_t limit);
+
+  // One archive record: the find answer ('A' 3), its date ('L'), its dump ('A' 1),
+  // then its page ('A' 4) parsed into values.
+  RecordOutcome FindArchDate(int eskoKind, const mcd::cal::Label& label, unsigned& recordNumber, unsigned& recordRest);
+  RecordOutcome FindArchRecNum(int eskoKind, const mcd::cal::Label& label);
+  bool ReadArchData(int eskoKind, int type, const mcd::cal::Label& label, time_t stamp, ParamValueList& out);
+  RecordOutcome ReadRecord(int eskoKind, int type, time_t stamp, ParamValueList& out);
+  bool WalkRecords(int kind, int type, time_t from, time_t to, ParamValueList& out);
 
   std::unique_ptr<CEskoLowLevelConnector> m_link;
   Images m_img;
@@ -178,7 +123,6 @@ class CEskoDriver : public CMcdBaseDriver {
   bool m_archBroken = false;  // a failure ended an archive reading
   int m_clockState = 0;       // ClockState of the last meter clock read
   time_t m_oldest[2] = {0, 0};  // oldest record time found per ESKO kind, 0 = unknown
-  std::string m_units[38];
 };
 
 class Cmcd_MTR06 : public CEskoDriver {

@@ -1,6 +1,5 @@
 #include "drivers/esko/esko_link.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,52 +16,153 @@ namespace {
 const char kMTR06Prefix[] = "CMTR06LowLevelConnector::";
 const char kTM3EPrefix[] = "CTM3ELowLevelConnector::";
 
+// The text of a debug-file line after its time prefix.
+std::string DebugLineText(const char* prefix, int code, int number, const char* funcName) {
+  char text[256];
+  snprintf(text, sizeof text, " %sCheckResult - Error on return answer. Code error %d. function %d Func name - %s",
+           prefix, code, number, funcName ? funcName : "");
+  return text;
+}
+
 void MTR06Failure(const char* name) {
-  mcd::AppendDebugLine(mcd::paths::Storage("MTR06.debug.log"), EskoDebugLineText(kMTR06Prefix, 0, 0, name));
+  mcd::AppendDebugLine(mcd::paths::Storage("MTR06.debug.log"), DebugLineText(kMTR06Prefix, 0, 0, name));
 }
 
 void TM3EFailure(const char* name) {
-  mcd::AppendDebugLine(mcd::paths::Storage("TM3E.debug.log"), EskoDebugLineText(kTM3EPrefix, 0, 0, name));
+  mcd::AppendDebugLine(mcd::paths::Storage("TM3E.debug.log"), DebugLineText(kTM3EPrefix, 0, 0, name));
 }
 
-// Whole seconds of a clock that does not jump with the wall clock.
-long MonotonicSeconds() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long>(ts.tv_sec);
+bool IsAcceptedCommand(unsigned char command) {
+  return command != 0 && std::strchr("AGLNOQRSTW", command) != nullptr;
 }
 
-void PauseMs(unsigned ms) { usleep(ms * 1000u); }
+std::string Texted(const char* prefix, const char* text) { return std::string(prefix) + text; }
 
 }  // namespace
 
 const mcd::MeterFamily kMTR06Family = {&MTR06Failure};
 const mcd::MeterFamily kTM3EFamily = {&TM3EFailure};
 
-std::string EskoDebugLineText(const char* prefix, int code, int number, const char* funcName) {
-  char text[256];
-  snprintf(text, sizeof text, " %sCheckResult - Error on return answer. Code error %d. function %d Func name - %s", prefix,
-           code, number, funcName ? funcName : "");
-  return text;
-}
+// The ESKO rules on the shared exchange. The whole answer is read at once, its length
+// following from the request; an answer whose byte 2 has bit 7 clear is an error answer
+// (checked before the command letter and the sum); every failure but a short write is
+// followed by 500 ms, a flush of the line and a cleared receive buffer.
+class CEskoLowLevelConnector::Policy : public mcd::LinkPolicy {
+ public:
+  Policy(const char* prefix, const char* rawLog, const char* debugLog)
+      : m_prefix(prefix), m_rawLog(mcd::paths::Storage(rawLog)), m_debugLog(mcd::paths::Storage(debugLog)) {
+    attempts = 5;
+    pauseAfterWriteUs = 100000;
+    readLimitSeconds = 5;
+    texts.shortWrite = Texted(prefix, "SendString failed - Sent not full string\r");
+    texts.readWant = Texted(prefix, "ReadCount: want read %d bytes\r\n");
+    texts.readFailed = Texted(prefix, "ReadCount: ret -1, need to read - \"%d\", already read - \"%d\"!!!\r\n");
+    texts.readMore = Texted(prefix, "ReadCount - read more!!!\r\n");
+    texts.readPartial = Texted(prefix, "ReadCount - Read not full string, got %d, need %d \r\n");
+    texts.wrongType = Texted(prefix, "SendString - Wrong Packet Type\r\n");
+    texts.resend = Texted(prefix, "Resend %d time\r\n");
+  }
+
+  int HeaderLength(const unsigned char* frame, int) const override {
+    if (frame[2] == 'A') return frame[3] == 3 ? 14 : 261;
+    return frame[2] == 'Q' ? 1 : 14;
+  }
+
+  // Nothing follows the answer read whole; an unknown command letter is refused.
+  int RestLength(const unsigned char*, const unsigned char* header) const override {
+    return IsAcceptedCommand(header[2] & 0x7F) ? 0 : -1;
+  }
+
+  // A 'Q' answer is one byte, so its byte 2 is still cleared here: it always ends as an
+  // error answer with the code 0.
+  int EarlyError(const unsigned char* frame, const unsigned char* header, const char* funcName) const override {
+    if (header[2] & 0x80) return -1;
+    WriteDebugLog(header[2], header[1], funcName);
+    LOG_ERR("%sCheckResult - Error on return answer. Cmd x%X\r\n", m_prefix, frame[2]);
+    return header[2];
+  }
+
+  bool CheckReply(const unsigned char* reply, int length) const override {
+    LOG_DEBUG("Check CS\r\n");
+    const uint8_t cs = CalcCS(reply, length - 1);
+    if (cs == reply[length - 1]) return true;
+    LOG_CRIT("%sSendString - WRONG CS: x%02x, got x%02x\r\n", m_prefix, cs, reply[length - 1]);
+    return false;
+  }
+
+  int Verdict(const unsigned char* frame, unsigned char* reply, int, const char* funcName) const override {
+    const uint8_t code = Check(frame, reply, funcName, true);
+    return code == 0 ? -1 : code;
+  }
+
+  int ViewLength(const unsigned char*, int length) const override { return length - 1; }
+
+  void AfterFailure(mcd::LinkEvent event, const unsigned char* frame, CConnector& connector) const override {
+    if (event == mcd::LinkEvent::kShortWrite) return;
+    if (event == mcd::LinkEvent::kReadTimeLimit)
+      LOG_DEBUG("%sSendString: cmd x%X(%c) failed!!!\r", m_prefix, frame[2], frame[2]);
+    usleep(500000);
+    connector.flush();
+  }
+
+  long PartialReadPauseUs(int) const override { return 10000; }
+
+  void Trace(mcd::LinkStep step, const unsigned char* bytes, int count) const override {
+    if (step == mcd::LinkStep::kWrite) {
+      LOG_DUMP(Texted(m_prefix, "WriteBuffer: \r\n").c_str(), bytes, static_cast<size_t>(count));
+    } else if (step == mcd::LinkStep::kHeader) {
+      LOG_DEBUG("%sSendString: got %d bytes:\r", m_prefix, count);
+      LOG_DUMP("", bytes, static_cast<size_t>(count));
+      LOG_DEBUG("Check and read the rest\r");
+    } else if (step == mcd::LinkStep::kDone) {
+      LOG_DEBUG("%sSendString: Done, m_ucLastError = %d.\r\n", m_prefix, count);
+    }
+  }
+
+  uint8_t Check(const unsigned char* sent, const unsigned char* received, const char* funcName, bool noThrow) const {
+    if (received[2] & 0x80) {
+      if (IsAcceptedCommand(received[2] & 0x7F)) return 0;
+      // The answered command is printed first, the requested one second.
+      LOG_ERR("%sCheckResult - Error on return answer. Wrong cmd: sent %X, ret %X\r\n", m_prefix, received[2] & 0x7F,
+              sent[2]);
+      if (!noThrow) throw CDisconnectException();
+      return 0xFF;
+    }
+    WriteDebugLog(received[2], received[1], funcName);
+    LOG_ERR("%sCheckResult - Wrong cmd in returned answer. Cmd %02X\r\n", m_prefix, received[2]);
+    if (!noThrow) throw CDisconnectException();
+    return received[2];
+  }
+
+  void WriteDebugLog(int code, int number, const char* funcName) const {
+    mcd::AppendDebugLine(m_debugLog, DebugLineText(m_prefix, code, number, funcName));
+  }
+
+  void WriteRawLog(const unsigned char* bytes, int count, const char* label) const {
+    mcd::AppendFrameDump(m_rawLog, label ? label : "", bytes, count > 0 ? static_cast<size_t>(count) : 0);
+  }
+
+  const char* Prefix() const { return m_prefix; }
+
+ private:
+  const char* m_prefix;
+  std::string m_rawLog;
+  std::string m_debugLog;
+};
 
 CEskoLowLevelConnector::CEskoLowLevelConnector(CConnector* connector, bool led, const char* prefix,
-                                               const std::string& rawLog, const std::string& debugLog,
-                                               const mcd::MeterFamily* family)
-    : m_connector(connector), m_bLed(led), m_prefix(prefix), m_rawLog(rawLog), m_debugLog(debugLog), m_family(family) {
-  std::memset(m_recv, 0, sizeof m_recv);
+                                               const char* rawLog, const char* debugLog)
+    : m_bLed(led), m_policy(new Policy(prefix, rawLog, debugLog)), m_exchange(connector, false, *m_policy) {
   std::memset(m_send, 0, sizeof m_send);
 }
 
 CEskoLowLevelConnector::~CEskoLowLevelConnector() = default;
 
 CMTR06LowLevelConnector::CMTR06LowLevelConnector(CConnector* connector, bool led)
-    : CEskoLowLevelConnector(connector, led, kMTR06Prefix, mcd::paths::Storage("MTR06log.log"),
-                             mcd::paths::Storage("MTR06.debug.log"), &kMTR06Family) {}
+    : CEskoLowLevelConnector(connector, led, kMTR06Prefix, "MTR06log.log", "MTR06.debug.log") {}
 
 CTM3ELowLevelConnector::CTM3ELowLevelConnector(CConnector* connector, bool led)
-    : CEskoLowLevelConnector(connector, led, kTM3EPrefix, mcd::paths::Storage("TM3Elog.log"),
-                             mcd::paths::Storage("TM3E.debug.log"), &kTM3EFamily) {}
+    : CEskoLowLevelConnector(connector, led, kTM3EPrefix, "TM3Elog.log", "TM3E.debug.log") {}
 
 uint8_t CEskoLowLevelConnector::CalcCS(const unsigned char* bytes, int count) {
   uint8_t sum = 0;
@@ -70,25 +170,21 @@ uint8_t CEskoLowLevelConnector::CalcCS(const unsigned char* bytes, int count) {
   return sum;
 }
 
-bool CEskoLowLevelConnector::IsAcceptedCommand(unsigned char command) {
-  return command != 0 && std::strchr("AGLNOQRSTW", command) != nullptr;
+void CEskoLowLevelConnector::WriteRawLog(const unsigned char* bytes, int count, const char* label) const {
+  m_policy->WriteRawLog(bytes, count, label);
 }
 
-void CEskoLowLevelConnector::WriteRawLog(const unsigned char* bytes, int count, const char* label) {
-  mcd::AppendFrameDump(m_rawLog, label ? label : "", bytes, count > 0 ? static_cast<size_t>(count) : 0);
+void CEskoLowLevelConnector::WriteDebugLog(int code, int number, const char* funcName) const {
+  m_policy->WriteDebugLog(code, number, funcName);
 }
 
-void CEskoLowLevelConnector::WriteDebugLog(int code, int number, const char* funcName) {
-  mcd::AppendDebugLine(m_debugLog, EskoDebugLineText(m_prefix, code, number, funcName));
+uint8_t CEskoLowLevelConnector::CheckResult(const unsigned char* sent, const unsigned char* received,
+                                            const char* funcName, bool noThrow) const {
+  return m_policy->Check(sent, received, funcName, noThrow);
 }
 
-void CEskoLowLevelConnector::ClearReceive() { std::memset(m_recv, 0, sizeof m_recv); }
-
-// After a failed exchange: let late bytes arrive, then drop them.
-void CEskoLowLevelConnector::FailurePause() {
-  PauseMs(500);
-  m_connector->flush();
-  ClearReceive();
+bool CEskoLowLevelConnector::ReadCount(unsigned char* buffer, unsigned short count) {
+  return m_exchange.ReadCount(buffer, count);
 }
 
 ReplyView CEskoLowLevelConnector::SendString(const unsigned char* image, int length, const char* funcName,
@@ -99,132 +195,15 @@ ReplyView CEskoLowLevelConnector::SendString(const unsigned char* image, int len
   std::memcpy(m_send, image, static_cast<size_t>(length));
   m_send[1] = m_ucNetAddr;
   m_send[length] = CalcCS(m_send, length);
-  const unsigned short frameLength = static_cast<unsigned short>(length + 1);
+  LOG_DEBUG("%sSendString: net_addr %d, buff size %u\r", m_policy->Prefix(), m_ucNetAddr,
+            static_cast<unsigned>(length + 1));
   m_ucLastError = 0;
-
-  LOG_DEBUG("%sSendString: net_addr %d, buff size %u\r", m_prefix, m_ucNetAddr, frameLength);
-
-  const unsigned char command = m_send[2];
-  unsigned short replyLength = 14;
-  if (command == 'A')
-    replyLength = m_send[3] == 3 ? 14 : 261;
-  else if (command == 'Q')
-    replyLength = 1;
-
-  int attempt = 0;
-  while (attempt <= 4) {
-    try {
-      ClearReceive();
-      char title[64];
-      snprintf(title, sizeof title, "%sWriteBuffer: \r\n", m_prefix);
-      LOG_DUMP(title, m_send, frameLength);
-      const int written = m_connector->WriteBuffer(m_send, frameLength, 0);
-      if (written < frameLength) {
-        ClearReceive();
-        LOG_CRIT("%sSendString failed - Sent not full string\r", m_prefix);
-        throw CDisconnectException();
-      }
-      PauseMs(100);
-
-      if (!ReadCount(m_recv, replyLength)) {
-        LOG_DEBUG("%sSendString: cmd x%X(%c) failed!!!\r", m_prefix, command, command);
-        FailurePause();
-        if (noThrow) return ReplyView();
-        throw CDisconnectException();
-      }
-
-      LOG_DEBUG("%sSendString: got %d bytes:\r", m_prefix, replyLength);
-      LOG_DUMP("", m_recv, replyLength);
-      LOG_DEBUG("Check and read the rest\r");
-
-      if ((m_recv[2] & 0x80) == 0) {
-        WriteDebugLog(m_recv[2], m_recv[1], funcName);
-        LOG_ERR("%sCheckResult - Error on return answer. Cmd x%X\r\n", m_prefix, command);
-        m_ucLastError = m_recv[2];
-        FailurePause();
-        if (noThrow) return ReplyView();
-        throw CDisconnectException();
-      }
-
-      if (!IsAcceptedCommand(m_recv[2] & 0x7F)) {
-        LOG_CRIT("%sSendString - Wrong Packet Type\r\n", m_prefix);
-        FailurePause();
-        throw CDisconnectException();
-      }
-
-      if (replyLength >= 2) {
-        LOG_DEBUG("Check CS\r\n");
-        const uint8_t cs = CalcCS(m_recv, replyLength - 1);
-        if (cs != m_recv[replyLength - 1]) {
-          LOG_CRIT("%sSendString - WRONG CS: x%02x, got x%02x\r\n", m_prefix, cs, m_recv[replyLength - 1]);
-          FailurePause();
-          throw CDisconnectException();
-        }
-        m_ucLastError = CheckResult(m_send, m_recv, funcName, noThrow);
-      } else {
-        // A one-byte answer carries no header of its own: take the request's.
-        std::memcpy(m_recv, m_send, 3);
-        m_recv[2] |= 0x80;
-      }
-
-      LOG_DEBUG("%sSendString: Done, m_ucLastError = %d.\r\n", m_prefix, m_ucLastError);
-      if (m_ucLastError != 0) {
-        PauseMs(500);
-        m_connector->flush();
-        return ReplyView();
-      }
-      ReplyView view;
-      view.data = m_recv;
-      view.length = replyLength - 1;
-      return view;
-    } catch (const CWrongPacketException&) {
-      PauseMs(500);
-      m_connector->flush();
-      ClearReceive();
-      LOG_CRIT("%sResend %d time\r\n", m_prefix, attempt);
-      ++attempt;
-    }
+  try {
+    const ReplyView view = m_exchange.Exchange(m_send, length + 1, funcName, noThrow);
+    m_ucLastError = static_cast<uint8_t>(m_exchange.LastError());
+    return view;
+  } catch (...) {
+    m_ucLastError = static_cast<uint8_t>(m_exchange.LastError());
+    throw;
   }
-  FailurePause();
-  throw CWrongPacketException();
-}
-
-bool CEskoLowLevelConnector::ReadCount(unsigned char* buffer, unsigned short count) {
-  const long start = MonotonicSeconds();
-  LOG_DEBUG("%sReadCount: want read %d bytes\r\n", m_prefix, count);
-  unsigned short got = 0;
-  for (;;) {
-    if (MonotonicSeconds() - start >= 5) return false;
-    const int result = m_connector->ReadBuffer(buffer + got, static_cast<unsigned short>(count - got), 0);
-    if (result < 0) {
-      LOG_ERR("%sReadCount: ret -1, need to read - \"%d\", already read - \"%d\"!!!\r\n", m_prefix, count, got);
-      throw CWrongPacketException();
-    }
-    if (result > 0) {
-      if (result > count - got) {
-        LOG_ERR("%sReadCount - read more!!!\r\n", m_prefix);
-        throw CWrongPacketException();
-      }
-      got = static_cast<unsigned short>(got + result);
-    }
-    if (got == count) return true;
-    LOG_WARNING("%sReadCount - Read not full string, got %d, need %d \r\n", m_prefix, got, count);
-    PauseMs(10);
-  }
-}
-
-uint8_t CEskoLowLevelConnector::CheckResult(const unsigned char* sent, const unsigned char* received,
-                                            const char* funcName, bool noThrow) {
-  if (received[2] & 0x80) {
-    if (IsAcceptedCommand(received[2] & 0x7F)) return 0;
-    // The answered command is printed first, the requested one second.
-    LOG_ERR("%sCheckResult - Error on return answer. Wrong cmd: sent %X, ret %X\r\n", m_prefix, received[2] & 0x7F,
-            sent[2]);
-    if (!noThrow) throw CDisconnectException();
-    return 0xFF;
-  }
-  WriteDebugLog(received[2], received[1], funcName);
-  LOG_ERR("%sCheckResult - Wrong cmd in returned answer. Cmd %02X\r\n", m_prefix, received[2]);
-  if (!noThrow) throw CDisconnectException();
-  return received[2];
 }

@@ -7,31 +7,29 @@
 // error code with bit 7 clear.
 //
 // Both meters speak the same link; the two classes differ only in their log prefix
-// and in their raw and debug files under the storage root.
+// and in their raw and debug files under the storage root. The exchange itself (five
+// attempts, 100 ms between request and answer, 500 ms before every flush after a
+// failure) runs on the shared link exchange with the ESKO policy.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "drivers/base/byte_buffer.h"
+#include "drivers/base/link_exchange.h"
 
 class CConnector;
 
 // A checked answer: a pointer into the link's receive buffer (valid until the next
 // exchange) and the usable length (the answer without its checksum byte).
-struct ReplyView {
-  const unsigned char* data = nullptr;
-  int32_t length = 0;
-  bool empty() const { return data == nullptr; }
-};
+typedef mcd::LinkReply ReplyView;
 
 class CEskoLowLevelConnector {
  public:
   static constexpr int kBufferSize = 272;
   static constexpr int kImageSize = 13;
 
-  CEskoLowLevelConnector(CConnector* connector, bool led, const char* prefix, const std::string& rawLog,
-                         const std::string& debugLog, const mcd::MeterFamily* family);
   virtual ~CEskoLowLevelConnector();
   CEskoLowLevelConnector(const CEskoLowLevelConnector&) = delete;
   CEskoLowLevelConnector& operator=(const CEskoLowLevelConnector&) = delete;
@@ -47,36 +45,30 @@ class CEskoLowLevelConnector {
 
   // 0 when the answer's command is accepted, else the answer's byte 2 (or 0xFF for an
   // unknown command under noThrow).
-  uint8_t CheckResult(const unsigned char* sent, const unsigned char* received, const char* funcName, bool noThrow);
+  uint8_t CheckResult(const unsigned char* sent, const unsigned char* received, const char* funcName,
+                      bool noThrow) const;
 
   static uint8_t CalcCS(const unsigned char* bytes, int count);
-  static bool IsAcceptedCommand(unsigned char command);
 
-  void WriteRawLog(const unsigned char* bytes, int count, const char* label);
-  void WriteDebugLog(int code, int number, const char* funcName);
+  void WriteRawLog(const unsigned char* bytes, int count, const char* label) const;
+  void WriteDebugLog(int code, int number, const char* funcName) const;
 
   void SetNetAddress(uint8_t address) { m_ucNetAddr = address; }
   uint8_t GetNetAddress() const { return m_ucNetAddr; }
   uint8_t LastError() const { return m_ucLastError; }
-  bool GetLed() const { return m_bLed; }
-  const char* Prefix() const { return m_prefix; }
-  const std::string& RawLogPath() const { return m_rawLog; }
-  const std::string& DebugLogPath() const { return m_debugLog; }
-  const mcd::MeterFamily* Family() const { return m_family; }
+
+  class Policy;
+
+ protected:
+  CEskoLowLevelConnector(CConnector* connector, bool led, const char* prefix, const char* rawLog,
+                         const char* debugLog);
 
  private:
-  void FailurePause();
-  void ClearReceive();
-
-  CConnector* m_connector;
   bool m_bLed;
   uint8_t m_ucNetAddr = 0;
   uint8_t m_ucLastError = 0;
-  const char* m_prefix;
-  std::string m_rawLog;
-  std::string m_debugLog;
-  const mcd::MeterFamily* m_family;
-  unsigned char m_recv[kBufferSize];
+  std::unique_ptr<Policy> m_policy;
+  mcd::LinkExchange m_exchange;
   unsigned char m_send[kBufferSize];
 };
 
@@ -94,9 +86,6 @@ class CTM3ELowLevelConnector : public CEskoLowLevelConnector {
 // meter's debug file.
 extern const mcd::MeterFamily kMTR06Family;
 extern const mcd::MeterFamily kTM3EFamily;
-
-// The text of a debug-file line after its time prefix.
-std::string EskoDebugLineText(const char* prefix, int code, int number, const char* funcName);
 
 class CMTR06Buffer : public mcd::CMeterBuffer {
  public:
