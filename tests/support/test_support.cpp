@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <pty.h>
 #include <signal.h>
 #include <spawn.h>
@@ -167,6 +168,43 @@ size_t LogCapture::Count(const std::string& needle) const {
   size_t n = 0;
   for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
   return n;
+}
+
+FakeClock::FakeClock(time_t start) : m_mono(start) { mcd::SetClock(this); }
+
+FakeClock::~FakeClock() {
+  if (&mcd::GetClock() == this) mcd::SetClock(nullptr);
+}
+
+void FakeClock::Sleep(unsigned seconds) {
+  pthread_testcancel();
+  m_mono.fetch_add(seconds);
+  m_sleeps.fetch_add(1);
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_slept.push_back(seconds);
+  }
+  if (onSleep) onSleep(Now());
+  if (pauseMicros) usleep(pauseMicros);
+  pthread_testcancel();
+}
+
+void FakeClock::Set(time_t t) {
+  m_mono.store(t);
+  m_offset.store(0);
+}
+
+void FakeClock::Advance(time_t seconds) { m_mono.fetch_add(seconds); }
+void FakeClock::Step(time_t delta) { m_offset.fetch_add(delta); }
+
+std::vector<unsigned> FakeClock::Slept() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_slept;
+}
+
+void FakeClock::ClearSlept() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_slept.clear();
 }
 
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

@@ -8,11 +8,50 @@
 
 #include <chrono>
 #include <functional>
+#include <atomic>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "app/clock.h"
+
 namespace mcdtest {
+
+// The simulated clock of every test: installs itself as the process clock while it
+// lives. Sleep() moves the time on at once (it is a cancellation point and pauses
+// pauseMicros really, so that a thread waiting for its turn does not spin), records the
+// duration and runs onSleep on the sleeping thread. The calendar clock is the monotonic
+// one plus an offset that Step() moves, as when an operator steps the controller's clock.
+class FakeClock : public mcd::Clock {
+ public:
+  explicit FakeClock(time_t start = 1700000000);
+  ~FakeClock() override;
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
+
+  time_t Now() override { return m_mono.load() + m_offset.load(); }
+  time_t Monotonic() override { return m_mono.load(); }
+  void Sleep(unsigned seconds) override;
+
+  void Set(time_t t);               // both clocks to t, no step
+  void Advance(time_t seconds);     // both clocks on, without a sleep
+  void Step(time_t delta);          // the calendar clock only
+  long sleeps() const { return m_sleeps.load(); }
+  std::vector<unsigned> Slept();    // durations of the sleeps so far
+  void ClearSlept();
+
+  // Set only while no loop thread runs.
+  std::function<void(time_t now)> onSleep;
+  unsigned pauseMicros = 100;
+
+ private:
+  std::atomic<time_t> m_mono;
+  std::atomic<time_t> m_offset{0};
+  std::atomic<long> m_sleeps{0};
+  std::mutex m_mutex;
+  std::vector<unsigned> m_slept;
+};
 
 // Path of a file in the source tree (e.g. "tools/config_server.py").
 std::string SourcePath(const std::string& relative);

@@ -1,4 +1,4 @@
-// A virtual clock and a scripted driver for the polling-loop tests.
+// A scripted driver for the polling-loop tests.
 #pragma once
 
 #include <pthread.h>
@@ -15,41 +15,9 @@
 #include "app/clock.h"
 #include "drivers/base/base_driver.h"
 #include "drivers/base/calendar.h"
+#include "support/test_support.h"
 
 namespace mcdtest {
-
-// Every Sleep moves the virtual time on at once; it is a cancellation point, and it
-// yields the processor briefly so that a thread waiting for its turn does not spin.
-// The calendar clock is the monotonic one plus an offset that Step() moves, as when an
-// operator or a time service steps the controller's clock.
-class FakeClock : public mcd::Clock {
- public:
-  explicit FakeClock(time_t start) : m_mono(start) {}
-  time_t Now() override { return m_mono.load() + m_offset.load(); }
-  time_t Monotonic() override { return m_mono.load(); }
-  void Sleep(unsigned seconds) override {
-    pthread_testcancel();
-    m_mono.fetch_add(seconds);
-    m_sleeps.fetch_add(1);
-    if (onSleep) onSleep(Now());
-    usleep(100);
-    pthread_testcancel();
-  }
-  void Set(time_t t) {
-    m_mono.store(t);
-    m_offset.store(0);
-  }
-  void Step(time_t delta) { m_offset.fetch_add(delta); }
-  long sleeps() const { return m_sleeps.load(); }
-
-  // Called on the sleeping thread with the new time; set only while no loop thread runs.
-  std::function<void(time_t)> onSleep;
-
- private:
-  std::atomic<time_t> m_mono;
-  std::atomic<time_t> m_offset{0};
-  std::atomic<long> m_sleeps{0};
-};
 
 struct ArchCall {
   int type;
