@@ -26,7 +26,7 @@ void Pause(long us) {
 
 }  // namespace
 
-LinkReply RunAttempts(const LinkPolicy& policy, CConnector& connector, const unsigned char* frame,
+LinkReply RunAttempts(const RetryPolicy& policy, CConnector& connector, const unsigned char* frame,
                       const std::function<LinkReply(int)>& attempt) {
   for (int n = 0; n < policy.attempts; ++n) {
     try {

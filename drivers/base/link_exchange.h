@@ -31,7 +31,7 @@
 // an empty reply and LastError() tells the code.
 //
 // Links with their own framing (OMEGA-TR reads characters between a colon and CR LF)
-// use RunAttempts alone: their attempt function throws CWrongPacketException for a
+// derive from RetryPolicy and use RunAttempts alone: their attempt function throws CWrongPacketException for a
 // retry with the resend line, or LinkQuietRetry for a retry they have already cleaned up.
 #pragma once
 
@@ -80,16 +80,25 @@ enum class LinkStep { kWrite, kHeader, kReply, kDone };
 // the next attempt follows without the resend line.
 struct LinkQuietRetry {};
 
-class LinkPolicy {
+// What the retry skeleton needs of a family: attempts, texts and the clean-up after
+// failures. Links with their own framing derive from this alone.
+class RetryPolicy {
  public:
-  virtual ~LinkPolicy() = default;
+  virtual ~RetryPolicy() = default;
 
   int attempts = 3;
+  LinkTexts texts;
+
+  virtual void AfterFailure(LinkEvent event, const unsigned char* frame, CConnector& connector) const {}
+};
+
+// The whole exchange of a family with header-and-rest binary answers.
+class LinkPolicy : public RetryPolicy {
+ public:
   bool flushBeforeSend = false;  // drop stale input before every send
   unsigned pauseBeforeWriteUs = 0;
   unsigned pauseAfterWriteUs = 100000;
   int readLimitSeconds = 0;  // 0: a read ends only on the connector's time-out
-  LinkTexts texts;
 
   virtual int HeaderLength(const unsigned char* frame, int frameLength) const = 0;
   virtual int RestLength(const unsigned char* frame, const unsigned char* header) const = 0;
@@ -102,7 +111,6 @@ class LinkPolicy {
   // (ESKO's one-byte answer takes the request's header).
   virtual int Verdict(const unsigned char* frame, unsigned char* reply, int length, const char* funcName) const = 0;
   virtual int ViewLength(const unsigned char* reply, int length) const { return length; }
-  virtual void AfterFailure(LinkEvent event, const unsigned char* frame, CConnector& connector) const {}
   virtual long PartialReadPauseUs(int bytesDue) const { return 100000; }
   // kWrite: the frame; kHeader: the header; kReply: the whole answer; kDone: the
   // verdict in count (not traced for a verdict that is about to throw).
@@ -113,7 +121,7 @@ class LinkPolicy {
 // from an attempt: AfterFailure(kResend), the resend line, the next attempt.
 // LinkQuietRetry: the next attempt. After the last: AfterFailure(kGiveUp) and
 // CWrongPacketException. frame is handed to AfterFailure.
-LinkReply RunAttempts(const LinkPolicy& policy, CConnector& connector, const unsigned char* frame,
+LinkReply RunAttempts(const RetryPolicy& policy, CConnector& connector, const unsigned char* frame,
                       const std::function<LinkReply(int)>& attempt);
 
 class LinkExchange {

@@ -8,6 +8,7 @@
 
 #include "drivers/base/diag_files.h"
 #include "drivers/base/exceptions.h"
+#include "drivers/base/link_exchange.h"
 #include "log/logger.h"
 #include "server/paths.h"
 #include "transport/connector.h"
@@ -91,6 +92,24 @@ int COMEGATRLowLevelConnector::ExpectedReplyChars(const unsigned char* request, 
   }
 }
 
+namespace {
+
+// Every lost reply costs a second's pause and a flush, and so does the give-up after
+// the fifth attempt.
+class OmegaRetryPolicy : public mcd::RetryPolicy {
+ public:
+  OmegaRetryPolicy() {
+    attempts = COMEGATRLowLevelConnector::kAttempts;
+    texts.resend = "COMEGATRLowLevelConnector::Resend %d time\r\n";
+  }
+  void AfterFailure(mcd::LinkEvent, const unsigned char*, CConnector& line) const override {
+    usleep(kPauseFailure);
+    line.flush();
+  }
+};
+
+}  // namespace
+
 COMEGATRLowLevelConnector::ReplyView COMEGATRLowLevelConnector::SendString(unsigned char* request,
                                                                            unsigned short length,
                                                                            const char* func_name, bool no_throw) {
@@ -111,89 +130,83 @@ COMEGATRLowLevelConnector::ReplyView COMEGATRLowLevelConnector::SendString(unsig
   LOG_DEBUG("COMEGATRLowLevelConnector::SendString: net_addr %d, buff size %u, pack size %d\r", net_addr,
             static_cast<unsigned>(length), frameLength);
   m_ucLastError = 0;
+  static const OmegaRetryPolicy kPolicy;
+  return mcd::RunAttempts(kPolicy, *connector, m_send, [&](int) { return Attempt(request, length, func_name, no_throw); });
+}
 
+void COMEGATRLowLevelConnector::QuietRetry() {
+  Recover(kPauseFailure);
+  m_ucLastError = 0;
+  throw mcd::LinkQuietRetry();
+}
+
+COMEGATRLowLevelConnector::ReplyView COMEGATRLowLevelConnector::Attempt(const unsigned char* request,
+                                                                        unsigned short length, const char* func_name,
+                                                                        bool no_throw) {
   const unsigned char function = request[1];
-  for (int attempt = 0;; ++attempt) {
-    if (attempt >= kAttempts) {
-      Recover(kPauseFailure);
-      throw CWrongPacketException();
-    }
-    try {
-      ClearAnswer();
-      LOG_DUMP("COMEGATRLowLevelConnector::WriteBuffer: \r\n", m_send, static_cast<size_t>(frameLength));
-      usleep(kPauseBeforeWrite);
-      int written = connector->WriteBuffer(m_send, static_cast<unsigned short>(frameLength), false);
-      if (written != frameLength) {
-        LOG_CRIT("COMEGATRLowLevelConnector::SendString failed - Sent not full string\r");
-        Recover(kPauseFailure);
-        m_ucLastError = 0;
-        continue;
-      }
-
-      usleep(kPauseAfterWrite);
-      int got = 0;
-      if (!ReadCount(m_answer, ExpectedReplyChars(request, length), got, ReplyTimeLimit(function))) {
-        LOG_DEBUG("COMEGATRLowLevelConnector::SendString: cmd x%X failed!!!\r", function);
-        Recover(kPauseFailure);
-        m_ucLastError = 0;
-        continue;
-      }
-
-      LOG_DEBUG("COMEGATRLowLevelConnector::SendString: got %d bytes:\r", got);
-      LOG_DUMP("COMEGATRLowLevelConnector::SendString: reply", m_answer, static_cast<size_t>(got));
-      LOG_DEBUG("Check and read the rest\r");
-      if ((m_answer[0] & 0x3A) == 0) {
-        WriteDebugLog(m_answer[0], function, func_name);
-        LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Func x%X\r\n", function);
-        m_ucLastError = 0xFF;
-        Recover(kPauseFailure);
-        if (no_throw) return ReplyView();
-        throw CDisconnectException();
-      }
-
-      // colon, body, two LRC characters, CR, LF
-      const int bodyChars = got >= 5 ? got - 5 : 0;
-      if (got > kShortReplyChars) {
-        LOG_DEBUG("Check LRC\r\n");
-        unsigned char computed = CalcLRC(m_answer + 1, static_cast<size_t>(bodyChars));
-        unsigned char received = DecodeHexByte(m_answer[got - 4], m_answer[got - 3]);
-        if (computed != received) {
-          LOG_CRIT("COMEGATRLowLevelConnector::SendString - WRONG CS: x%02x, got x%02x\r\n", computed, received);
-          Recover(kPauseFailure);
-          m_ucLastError = 0;
-          continue;
-        }
-      }
-
-      unsigned char decoded[kBufferSize / 2];
-      memset(decoded, 0, sizeof decoded);
-      const int decodedLength = bodyChars / 2;
-      for (int i = 0; i < decodedLength; ++i) decoded[i] = DecodeHexByte(m_answer[1 + 2 * i], m_answer[2 + 2 * i]);
-      LOG_DEBUG("COMEGATRLowLevelConnector::SendString: has %d bytes from response\n", decodedLength);
-
-      try {
-        CheckResult(request, decoded, decodedLength, func_name, no_throw);
-      } catch (const CDisconnectException&) {
-        Recover(kPauseErrorReply);
-        throw;
-      }
-      LOG_DEBUG("COMEGATRLowLevelConnector::SendString: Done, m_ucLastError = %d.\r\n", m_ucLastError);
-      if (m_ucLastError != 0) {
-        Recover(kPauseErrorReply);
-        return ReplyView();
-      }
-      memcpy(m_answer, decoded, static_cast<size_t>(decodedLength));
-      LOG_DEBUG("COMEGATRLowLevelConnector::SendString: dump %d bytes:\r", decodedLength);
-      LOG_DUMP("COMEGATRLowLevelConnector::SendString: decoded", m_answer, static_cast<size_t>(decodedLength));
-      ReplyView view;
-      view.data = m_answer;
-      view.length = decodedLength;
-      return view;
-    } catch (const CWrongPacketException&) {
-      Recover(kPauseFailure);
-      LOG_CRIT("COMEGATRLowLevelConnector::Resend %d time\r\n", attempt);
+  ClearAnswer();
+  LOG_DUMP("COMEGATRLowLevelConnector::WriteBuffer: \r\n", m_send, static_cast<size_t>(m_sendLength));
+  usleep(kPauseBeforeWrite);
+  if (connector->WriteBuffer(m_send, static_cast<unsigned short>(m_sendLength), false) != m_sendLength) {
+    LOG_CRIT("COMEGATRLowLevelConnector::SendString failed - Sent not full string\r");
+    QuietRetry();
+  }
+  usleep(kPauseAfterWrite);
+  int got = 0;
+  if (!ReadCount(m_answer, ExpectedReplyChars(request, length), got, ReplyTimeLimit(function))) {
+    LOG_DEBUG("COMEGATRLowLevelConnector::SendString: cmd x%X failed!!!\r", function);
+    QuietRetry();
+  }
+  LOG_DEBUG("COMEGATRLowLevelConnector::SendString: got %d bytes:\r", got);
+  LOG_DUMP("COMEGATRLowLevelConnector::SendString: reply", m_answer, static_cast<size_t>(got));
+  LOG_DEBUG("Check and read the rest\r");
+  if ((m_answer[0] & 0x3A) == 0) {
+    WriteDebugLog(m_answer[0], function, func_name);
+    LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Func x%X\r\n", function);
+    m_ucLastError = 0xFF;
+    Recover(kPauseFailure);
+    if (no_throw) return ReplyView();
+    throw CDisconnectException();
+  }
+  // colon, body, two LRC characters, CR, LF
+  const int bodyChars = got >= 5 ? got - 5 : 0;
+  if (got > kShortReplyChars) {
+    LOG_DEBUG("Check LRC\r\n");
+    unsigned char computed = CalcLRC(m_answer + 1, static_cast<size_t>(bodyChars));
+    unsigned char received = DecodeHexByte(m_answer[got - 4], m_answer[got - 3]);
+    if (computed != received) {
+      LOG_CRIT("COMEGATRLowLevelConnector::SendString - WRONG CS: x%02x, got x%02x\r\n", computed, received);
+      QuietRetry();
     }
   }
+  return Accept(request, bodyChars / 2, func_name, no_throw);
+}
+
+COMEGATRLowLevelConnector::ReplyView COMEGATRLowLevelConnector::Accept(const unsigned char* request,
+                                                                       int decodedLength, const char* func_name,
+                                                                       bool no_throw) {
+  unsigned char decoded[kBufferSize / 2];
+  memset(decoded, 0, sizeof decoded);
+  for (int i = 0; i < decodedLength; ++i) decoded[i] = DecodeHexByte(m_answer[1 + 2 * i], m_answer[2 + 2 * i]);
+  LOG_DEBUG("COMEGATRLowLevelConnector::SendString: has %d bytes from response\n", decodedLength);
+  try {
+    CheckResult(request, decoded, decodedLength, func_name, no_throw);
+  } catch (const CDisconnectException&) {
+    Recover(kPauseErrorReply);
+    throw;
+  }
+  LOG_DEBUG("COMEGATRLowLevelConnector::SendString: Done, m_ucLastError = %d.\r\n", m_ucLastError);
+  if (m_ucLastError != 0) {
+    Recover(kPauseErrorReply);
+    return ReplyView();
+  }
+  memcpy(m_answer, decoded, static_cast<size_t>(decodedLength));
+  LOG_DEBUG("COMEGATRLowLevelConnector::SendString: dump %d bytes:\r", decodedLength);
+  LOG_DUMP("COMEGATRLowLevelConnector::SendString: decoded", m_answer, static_cast<size_t>(decodedLength));
+  ReplyView view;
+  view.data = m_answer;
+  view.length = decodedLength;
+  return view;
 }
 
 bool COMEGATRLowLevelConnector::ReadCount(unsigned char* buffer, int expected, int& got, int timeout_s) {

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "drivers/base/link_exchange.h"
+
 class CConnector;
 
 class COMEGATRLowLevelConnector {
@@ -21,11 +23,7 @@ class COMEGATRLowLevelConnector {
 
   // The decoded binary reply (address, function, data; no LRC) at the start of the
   // receive buffer. Valid until the next exchange; empty on failure.
-  struct ReplyView {
-    const unsigned char* data = nullptr;
-    int length = 0;
-    bool empty() const { return data == nullptr; }
-  };
+  using ReplyView = mcd::LinkReply;
 
   COMEGATRLowLevelConnector(CConnector* connector, bool led);
   virtual ~COMEGATRLowLevelConnector();
@@ -78,6 +76,12 @@ class COMEGATRLowLevelConnector {
   void ClearAnswer();
   // Pause, flush the line, clear the receive buffer: the end of every failed attempt.
   void Recover(unsigned pause_us);
+  // Recovers and throws mcd::LinkQuietRetry: the attempt failed, the next one follows.
+  [[noreturn]] void QuietRetry();
+  // One attempt of SendString on the frame in m_send.
+  ReplyView Attempt(const unsigned char* request, unsigned short length, const char* func_name, bool no_throw);
+  // Decodes the checked reply of decodedLength bytes and judges it.
+  ReplyView Accept(const unsigned char* request, int decodedLength, const char* func_name, bool no_throw);
 
   CConnector* connector;
   bool led;

@@ -54,15 +54,6 @@ TEST(VKT9Link, FramesAddressBodyAndCrcAndReturnsTheReply) {
 
 TEST(VKT9Link, BlockReplyIsSizedByItsFlagByte) {
   // 3 or 47 bytes, plus 106 for each of the two extra blocks
-  struct Case {
-    unsigned char flag;
-    int data;
-  } cases[] = {{0x00, 3}, {0x08, 47}, {0x10, 109}, {0x18, 153}, {0x28, 153}, {0x38, 259}};
-  for (const auto& c : cases) {
-    unsigned char header[4] = {0x01, 0x41, 0x00, c.flag};
-    EXPECT_EQ(CVKT9LowLevelConnector::DataLength(header), c.data) << "flag " << int(c.flag);
-  }
-
   LogCapture log;
   LinkBench bench;
   Bytes reply = {0x01, 0x41, 0x00, 0x38};
@@ -211,23 +202,6 @@ TEST(VKT9Link, ReplyToTheSecondAttemptIsAccepted) {
   EXPECT_EQ(Bytes(view.data, view.data + view.length), Bytes(reply.begin(), reply.end() - 2));
   EXPECT_EQ(peer.Requests().size(), 2u);
   EXPECT_EQ(log.Count("CVKT9LowLevelConnector::Resend 0 time"), 1u);
-}
-
-TEST(VKT9Link, CheckResultSwapsSentAndRetInItsLine) {
-  LogCapture log;
-  LinkBench bench;
-  CVKT9LowLevelConnector link(bench.connector.get(), false);
-  const unsigned char frame[] = {0x01, 0x03, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00};
-  const unsigned char wrong[] = {0x01, 0x10, 0x00};
-  const unsigned char good[] = {0x01, 0x42, 0x00};
-  const unsigned char error[] = {0x01, 0x84, 0x0B};
-
-  EXPECT_EQ(link.CheckResult(frame, good, "Check", false), 0);
-  EXPECT_EQ(link.CheckResult(frame, wrong, "Check", true), 0xFF);
-  EXPECT_EQ(log.Count("Wrong function: sent 10, ret 3"), 1u) << log.Text();
-  EXPECT_THROW(link.CheckResult(frame, wrong, "Check", false), CDisconnectException);
-  EXPECT_EQ(link.CheckResult(frame, error, "Check", true), 0x0B);
-  EXPECT_THROW(link.CheckResult(frame, error, "Check", false), CDisconnectException);
 }
 
 namespace {
