@@ -159,7 +159,9 @@ TEST(EskoArchive, ImpossibleOrDistantMeterClockIsNotUsed) {
   EXPECT_EQ(rig.driver.GetTimestamps(rig.ts), 0);
   EXPECT_EQ(rig.log.Count("away from the controller clock (more than 7 days)"), 1u);
   EXPECT_TRUE(rig.meter.finds.empty());
-  rig.meter.clock -= 13 * 86400;
+  rig.meter.clock -= 14 * 86400 + 7200;  // behind by as much
+  EXPECT_EQ(rig.driver.GetTimestamps(rig.ts), 0);
+  rig.meter.clock += 86400;
   EXPECT_EQ(rig.driver.GetTimestamps(rig.ts), 1);
   EXPECT_EQ(rig.log.Count("meter clock usable again"), 1u);
 }
