@@ -57,13 +57,13 @@ class CEskoLowLevelConnector {
   uint8_t GetNetAddress() const { return m_ucNetAddr; }
   uint8_t LastError() const { return m_ucLastError; }
 
-  class Policy;
-
  protected:
   CEskoLowLevelConnector(CConnector* connector, bool led, const char* prefix, const char* rawLog,
                          const char* debugLog);
 
  private:
+  class Policy;
+
   bool m_bLed;
   uint8_t m_ucNetAddr = 0;
   uint8_t m_ucLastError = 0;
