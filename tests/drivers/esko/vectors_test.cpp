@@ -62,7 +62,9 @@ void RunEsko(const mcdtest::VectorCase& vector, mcdtest::ScriptedMeter& meter, s
     std::string verb, name, mode, hex;
     int addr = 0;
     in >> verb;
-    if (verb == "tm3e") {
+    if (verb == "short-writes") {
+      meter.ShortWrites();
+    } else if (verb == "tm3e") {
       link.reset(new CTM3ELowLevelConnector(&meter, false));
     } else if (verb == "addr" && in >> addr) {
       link->SetNetAddress(static_cast<uint8_t>(addr));
