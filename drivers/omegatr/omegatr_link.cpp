@@ -99,7 +99,7 @@ namespace {
 class OmegaRetryPolicy : public mcd::RetryPolicy {
  public:
   OmegaRetryPolicy() {
-    attempts = COMEGATRLowLevelConnector::kAttempts;
+    attempts = 5;
     texts.resend = "COMEGATRLowLevelConnector::Resend %d time\r\n";
   }
   void AfterFailure(mcd::LinkEvent, const unsigned char*, CConnector& line) const override {
