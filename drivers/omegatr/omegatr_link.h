@@ -57,6 +57,13 @@ class COMEGATRLowLevelConnector {
   int CheckResult(const unsigned char* sent, const unsigned char* received, int received_length, const char* func_name,
                   bool no_throw);
 
+  // The checks of CheckResult that depend on the function.
+  int CheckData(unsigned function, const unsigned char* received, int received_length, const char* func_name,
+                bool no_throw);
+  // Stores value as the last error and returns it; Refuse throws as well unless no_throw.
+  int Result(int value);
+  int Refuse(int value, bool no_throw);
+
   void WriteDebugLog(unsigned code, unsigned number, const char* func_name);
 
   // (256 - sum of text[0..count) mod 256) mod 256.
