@@ -99,7 +99,7 @@ namespace {
 class OmegaRetryPolicy : public mcd::RetryPolicy {
  public:
   OmegaRetryPolicy() {
-    attempts = COMEGATRLowLevelConnector::kAttempts;
+    attempts = 5;
     texts.resend = "COMEGATRLowLevelConnector::Resend %d time\r\n";
   }
   void AfterFailure(mcd::LinkEvent, const unsigned char*, CConnector& line) const override {
@@ -268,53 +268,59 @@ bool COMEGATRLowLevelConnector::ReadCount(unsigned char* buffer, int expected, i
   }
 }
 
+int COMEGATRLowLevelConnector::Result(int value) {
+  m_ucLastError = static_cast<uint8_t>(value);
+  return value;
+}
+
+int COMEGATRLowLevelConnector::Refuse(int value, bool no_throw) {
+  m_ucLastError = static_cast<uint8_t>(value);
+  if (!no_throw) throw CDisconnectException();
+  return value;
+}
+
 int COMEGATRLowLevelConnector::CheckResult(const unsigned char* sent, const unsigned char* received,
                                            int received_length, const char* func_name, bool no_throw) {
-  auto at = [&](int i) -> unsigned { return i < received_length ? received[i] : 0u; };
-  auto result = [&](int value) {
-    m_ucLastError = static_cast<uint8_t>(value);
-    return value;
-  };
-  auto refuse = [&](int value) {
-    m_ucLastError = static_cast<uint8_t>(value);
-    if (!no_throw) throw CDisconnectException();
-    return value;
-  };
-
+  const unsigned at0 = received_length > 0 ? received[0] : 0u;
+  const unsigned at1 = received_length > 1 ? received[1] : 0u;
   const unsigned function = sent[1];
-  if (at(0) != sent[0]) {
+  if (at0 != sent[0]) {
     LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Wrong addr: sent %X, ret %X\r\n", sent[0],
-            at(0));
-    return refuse(-1);
+            at0);
+    return Refuse(-1, no_throw);
   }
-  if (at(1) != function) {
+  if (at1 != function) {
     LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Wrong func: sent %X, ret %X\r\n",
-            function, at(1));
-    return refuse(-1);
+            function, at1);
+    return Refuse(-1, no_throw);
   }
+  return CheckData(function, received, received_length, func_name, no_throw);
+}
 
+int COMEGATRLowLevelConnector::CheckData(unsigned function, const unsigned char* received, int received_length,
+                                         const char* func_name, bool no_throw) {
+  auto at = [&](int i) -> unsigned { return i < received_length ? received[i] : 0u; };
   switch (function) {
     case 4:
-    case 20: {
+    case 20:
       // address, function, count of data bytes, data
       if (received_length < 3 || at(2) == 0) {
         LOG_ERR("COMEGATRLowLevelConnector::CheckResult - No data in returned answer. Func %02X\r\n", function);
-        return result(-1);
+        return Result(-1);
       }
       if (received_length < static_cast<int>(at(2)) + 3) {
         LOG_ERR("COMEGATRLowLevelConnector::CheckResult:Func %02X - wrong data len, need x%02x+3, got x%02x\r\n",
                 function, at(2), static_cast<unsigned>(received_length));
-        return result(-1);
+        return Result(-1);
       }
-      return result(0);
-    }
+      return Result(0);
     case 104:
       if (received_length < 4) {
         LOG_ERR("COMEGATRLowLevelConnector::CheckResult:Func %02X - wrong data len, need 4, got x%02x\r\n", function,
                 static_cast<unsigned>(received_length));
-        return result(-1);
+        return Result(-1);
       }
-      return result(0);
+      return Result(0);
     case 100:
     case 101:
     case 102:
@@ -325,13 +331,13 @@ int COMEGATRLowLevelConnector::CheckResult(const unsigned char* sent, const unsi
         WriteDebugLog(at(3), function, func_name);
         LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Code error %X. Function %X\r\n", at(3),
                 function);
-        return refuse(static_cast<int>(at(3)));
+        return Refuse(static_cast<int>(at(3)), no_throw);
       }
-      return result(0);
+      return Result(0);
     default:
       LOG_ERR("COMEGATRLowLevelConnector::CheckResult - Error on return answer. Wrong cmd: sent %X, ret %X\r\n", function,
               at(1));
-      return refuse(-1);
+      return Refuse(-1, no_throw);
   }
 }
 

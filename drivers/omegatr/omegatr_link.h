@@ -14,13 +14,6 @@ class CConnector;
 
 class COMEGATRLowLevelConnector {
  public:
-  static constexpr size_t kBufferSize = 272;
-  static constexpr int kAttempts = 5;
-  // Longest reply accepted by ReadCount, in characters.
-  static constexpr int kMaxReplyChars = 271;
-  // Replies of at most this many characters are not LRC-checked.
-  static constexpr int kShortReplyChars = 9;
-
   // The decoded binary reply (address, function, data; no LRC) at the start of the
   // receive buffer. Valid until the next exchange; empty on failure.
   using ReplyView = mcd::LinkReply;
@@ -32,9 +25,23 @@ class COMEGATRLowLevelConnector {
 
   // One exchange. request[0] is overwritten with the net address, request[1] is the
   // function code, request[2..] the data. Five attempts; a missing, broken or
-  // wrongly summed reply is retried, CWrongPacketException after the fifth. A reply
-  // that fails CheckResult throws CDisconnectException unless no_throw.
+  // wrongly summed reply is retried after a second's pause, CWrongPacketException
+  // after the fifth. A reply that fails the result check throws CDisconnectException
+  // unless no_throw (then the view is empty and GetLastError() tells the code).
   ReplyView SendString(unsigned char* request, unsigned short length, const char* func_name, bool no_throw = false);
+
+  void WriteRawLog(const unsigned char* bytes, size_t count, const char* label);
+
+  void SetNetAddr(uint8_t addr) { net_addr = addr; }
+  uint8_t GetNetAddr() const { return net_addr; }
+  uint8_t GetLastError() const { return m_ucLastError; }
+
+ private:
+  static constexpr size_t kBufferSize = 272;
+  // Longest reply accepted by ReadCount, in characters.
+  static constexpr int kMaxReplyChars = 271;
+  // Replies of at most this many characters are not LRC-checked.
+  static constexpr int kShortReplyChars = 9;
 
   // Reads one frame character by character into buffer (kBufferSize bytes). expected
   // is only logged. Fails on a second colon, a CR before the colon or a second CR, an
@@ -50,7 +57,13 @@ class COMEGATRLowLevelConnector {
   int CheckResult(const unsigned char* sent, const unsigned char* received, int received_length, const char* func_name,
                   bool no_throw);
 
-  void WriteRawLog(const unsigned char* bytes, size_t count, const char* label);
+  // The checks of CheckResult that depend on the function.
+  int CheckData(unsigned function, const unsigned char* received, int received_length, const char* func_name,
+                bool no_throw);
+  // Stores value as the last error and returns it; Refuse throws as well unless no_throw.
+  int Result(int value);
+  int Refuse(int value, bool no_throw);
+
   void WriteDebugLog(unsigned code, unsigned number, const char* func_name);
 
   // (256 - sum of text[0..count) mod 256) mod 256.
@@ -65,14 +78,6 @@ class COMEGATRLowLevelConnector {
   // Characters the reply to this request is expected to have (only logged).
   static int ExpectedReplyChars(const unsigned char* request, unsigned short length);
 
-  void SetNetAddr(uint8_t addr) { net_addr = addr; }
-  uint8_t GetNetAddr() const { return net_addr; }
-  uint8_t GetLastError() const { return m_ucLastError; }
-  // The frame of the last SendString call and its length.
-  const unsigned char* GetFrame() const { return m_send; }
-  int GetFrameLength() const { return m_sendLength; }
-
- protected:
   void ClearAnswer();
   // Pause, flush the line, clear the receive buffer: the end of every failed attempt.
   void Recover(unsigned pause_us);

@@ -55,6 +55,7 @@ class Cmcd_VKT7 : public CMcdBaseDriver {
   // True once init has read the units, the fraction digits and the active list.
   bool IsReady() const override { return m_ready.load(); }
 
+ private:
   // --- answer parsers (each takes the answer from its address byte on) ---
   // Units and fraction digits; the layout depends on base_type.
   void ParseProperties(CVKT7Buffer answer);
@@ -73,18 +74,10 @@ class Cmcd_VKT7 : public CMcdBaseDriver {
   // Text of an element value of width bytes at the cursor.
   std::string ParseToString(const CVKT7Buffer& cursor, const Element& row, int width) const;
 
-  // --- what the meter told about itself ---
-  void SetBaseType(int type) { m_baseType = type; }
-  const std::map<int, std::string>& Units() const { return m_units; }
-  const std::string& VersionString() const { return m_versionText; }
-  unsigned char ReportingDay() const { return m_reportDay; }
-  unsigned char TypeByte() const { return m_typeByte; }
-
   // The record time of a meter date (day, month 1..12, year - 2000, hour): its first
   // local occurrence; 0 for an all-zero date, -1 for a date with a field out of range.
   static time_t MeterDate(int day, int month, int year, int hour);
 
- private:
   // One exchange; the request is completed with its checksum.
   CVKT7Buffer Exchange(std::vector<unsigned char>& request, const char* name, bool tolerate);
   CVKT7Buffer Read(int reg, const char* name, bool tolerate = false);

@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-#include "drivers/vkt7/vkt7_test_util.h"
+#include "drivers/base/value_text.h"
 #include "fault_rig.h"
 
 namespace {
@@ -22,6 +22,13 @@ struct Phase {
   long requests;
   bool thenProgress;  // wait until the walk files more records before the next phase
 };
+
+// The simulator's value of an integer element: base + n % 100, with the digits.
+std::string SimValue(int base, long n, int digits) {
+  double raw = base + n % 100;
+  for (int i = 0; i < digits; ++i) raw /= 10;
+  return mcd::StreamText(raw);
+}
 
 size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
@@ -108,10 +115,10 @@ TEST(FaultInjection, Vkt7BackfillSurvivesLinkAndStorageFaults) {
   const std::vector<time_t> days = e2e::Days(firstDay, mcdtest::LocalMidnight(mcdtest::LocalMidnight(end) - 43200));
   std::map<time_t, std::string> t1a, t1b, t1d;
   for (time_t t : hours) {
-    t1a[t] = vkt7test::SimValue(5123, t / 3600, 2);
-    t1b[t] = vkt7test::SimValue(5223, t / 3600, 2);
+    t1a[t] = SimValue(5123, t / 3600, 2);
+    t1b[t] = SimValue(5223, t / 3600, 2);
   }
-  for (time_t t : days) t1d[t] = vkt7test::SimValue(5123, t / 86400, 2);
+  for (time_t t : days) t1d[t] = SimValue(5123, t / 86400, 2);
   const std::string dir1 = rig.root().storage("71/1/tc_archives/");
   const std::string dir2 = rig.root().storage("71/2/tc_archives/");
   EXPECT_TRUE(e2e::ArchiveIsExactly(dir1 + "A20", hours, t1a));

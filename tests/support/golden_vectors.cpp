@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -16,6 +17,17 @@ std::string Rest(std::istringstream& in) {
   std::string rest;
   std::getline(in >> std::ws, rest);
   return rest;
+}
+
+// "view 77*3" -> "view 77 77 77": out lines may abbreviate runs of a byte.
+std::string ExpandRepeats(const std::string& text) {
+  std::istringstream in(text);
+  std::string word, out;
+  while (in >> word) {
+    const bool run = word.size() > 3 && word[2] == '*' && isxdigit(word[0]) && isxdigit(word[1]);
+    out += (out.empty() ? "" : " ") + (run ? HexText(ParseHex(word)) : word);
+  }
+  return out;
 }
 
 Answer ParseAnswer(const std::string& text) {
@@ -53,7 +65,7 @@ void AddLine(VectorCase& c, const std::string& word, std::istringstream& in) {
     if (c.answers.empty()) throw std::invalid_argument("answer before any send");
     c.answers.back() = ParseAnswer(Rest(in));
   } else if (word == "out") {
-    c.out.push_back(Rest(in));
+    c.out.push_back(ExpandRepeats(Rest(in)));
   } else if (word == "log" || word == "file" || word == "gap" || word == "flushes") {
     c.checks.push_back(word + " " + Rest(in));
   } else {

@@ -9,7 +9,8 @@
 //   answer <hex> [/ <hex> ...]  the meter's answer to the last send, in chunks; a
 //                               chunk "@<ms> <hex>" comes that late; "answer none" or
 //                               no answer line: the meter stays silent
-//   out <text>                  the next line the handler must report
+//   out <text>                  the next line the handler must report ("AB*3" in it
+//                               stands for "AB AB AB")
 //   log <n> <text>              the test log holds text exactly n times
 //   file <name> <text>          the storage file <name> has a line ending in text
 //   gap write|read <i> <min_ms> <max_ms>

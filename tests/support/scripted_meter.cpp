@@ -6,7 +6,24 @@
 
 namespace mcdtest {
 
+// "text" with \r and \n escapes, for character links.
+static Bytes ParseQuoted(const std::string& text) {
+  Bytes out;
+  const size_t end = text.rfind('"');
+  for (size_t i = text.find('"') + 1; i < end; ++i) {
+    if (text[i] == '\\' && i + 1 < end) {
+      ++i;
+      out.push_back(text[i] == 'r' ? '\r' : text[i] == 'n' ? '\n' : static_cast<unsigned char>(text[i]));
+    } else {
+      out.push_back(static_cast<unsigned char>(text[i]));
+    }
+  }
+  return out;
+}
+
 Bytes ParseHex(const std::string& text) {
+  const size_t first = text.find_first_not_of(" \t");
+  if (first != std::string::npos && text[first] == '"') return ParseQuoted(text);
   Bytes out;
   size_t i = 0;
   while (i < text.size()) {

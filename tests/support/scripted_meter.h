@@ -22,7 +22,8 @@ namespace mcdtest {
 using Bytes = std::vector<unsigned char>;
 using SteadyTime = std::chrono::steady_clock::time_point;
 
-// "01 03 A0" -> bytes; "AB*3" repeats a byte. Throws std::invalid_argument on bad text.
+// "01 03 A0" -> bytes; "AB*3" repeats a byte; "\":01\\r\\n\"" (in quotes, with \\r and \\n
+// escapes) is taken as characters. Throws std::invalid_argument on bad text.
 Bytes ParseHex(const std::string& text);
 // Bytes as upper-case pairs separated by blanks.
 std::string HexText(const unsigned char* bytes, size_t count);
