@@ -33,7 +33,7 @@ std::string TakePauses() {
 }
 
 // "page <kind> <Y> <M> <D> <H> <stamp>": the page of that date ('A' 4) parsed; out its
-// value count, then "<id>/<sys> <text> <unit> err <error byte>" for every value not 0.
+// value count, then "<id>/<sys> <text> <unit or -> err <error byte>" for every value not 0.
 void Page(CEskoLowLevelConnector& link, std::istringstream& in, std::vector<std::string>& out) {
   int kind = 0, y = 0, m = 0, d = 0, h = 0;
   long stamp = 0;
@@ -49,8 +49,8 @@ void Page(CEskoLowLevelConnector& link, std::istringstream& in, std::vector<std:
   for (const ParamValue& p : values) {
     if (p.timestamp != stamp) out.push_back("stamp " + std::to_string(p.timestamp));
     if (atof(p.value.c_str()) == 0) continue;
-    out.push_back(std::to_string(p.paramId) + "/" + std::to_string(p.sys) + " " + p.value + " " + p.dim + " err " +
-                  std::to_string(p.error));
+    out.push_back(std::to_string(p.paramId) + "/" + std::to_string(p.sys) + " " + p.value + " " +
+                  (p.dim.empty() ? "-" : p.dim) + " err " + std::to_string(p.error));
   }
 }
 
