@@ -225,7 +225,7 @@ int CmcdMAGIKAAXXX::GetTimestamps(Timestamps& out) {
   }
 }
 
-bool CmcdMAGIKAAXXX::ParseTemplate(const std::string& text, int type, std::vector<Field>& fields, std::string& why) {
+bool mcd::magika::ParseTemplate(const std::string& text, int type, std::vector<Field>& fields, std::string& why) {
   fields.clear();
   std::stringstream words(text);
   std::string name;
@@ -244,7 +244,7 @@ bool CmcdMAGIKAAXXX::ParseTemplate(const std::string& text, int type, std::vecto
   return true;
 }
 
-time_t CmcdMAGIKAAXXX::LineTime(const std::vector<Field>& fields, const uint8_t* line, int type) {
+time_t mcd::magika::LineTime(const std::vector<Field>& fields, const uint8_t* line, int type) {
   mcd::cal::Label label;
   label.day = FromBcd(line[0]);
   label.month = FromBcd(line[1]);

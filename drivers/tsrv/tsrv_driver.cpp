@@ -120,7 +120,10 @@ void CmcdTSRV::ReadInputBytes(uint16_t address, int count, uint8_t* out) {
   }
 }
 
-CmcdTSRV::TotalsLayout CmcdTSRV::DecideTotals(const uint8_t* b) {
+namespace mcd {
+namespace tsrv {
+
+TotalsLayout DecideTotals(const uint8_t* b) {
   const bool tailZero = Be32(b + 4) == 0;
   if (tailZero && Be32(b) == 0) return kTotalsIntFrac;
   if (tailZero && PlausibleFloat(F32(b, false))) return kTotalsFloat;
@@ -129,7 +132,7 @@ CmcdTSRV::TotalsLayout CmcdTSRV::DecideTotals(const uint8_t* b) {
   return kTotalsUnknown;
 }
 
-bool CmcdTSRV::TotalText(const uint8_t* b, TotalsLayout layout, std::string& text, std::string& why) {
+bool TotalText(const uint8_t* b, TotalsLayout layout, std::string& text, std::string& why) {
   if (layout == kTotalsFloat) {
     if (Be32(b + 4) != 0) {
       why = "a plain-float total with a non-zero tail " + Hex(b, 8);
@@ -153,6 +156,11 @@ bool CmcdTSRV::TotalText(const uint8_t* b, TotalsLayout layout, std::string& tex
   if (!text.empty() && text.back() == '.') text.pop_back();
   return true;
 }
+
+}  // namespace tsrv
+}  // namespace mcd
+
+using namespace mcd::tsrv;
 
 void CmcdTSRV::init() {
   if (!m_link) return;
@@ -291,7 +299,7 @@ int CmcdTSRV::GetTimestamps(Timestamps& out) {
   }
 }
 
-void CmcdTSRV::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t stamp, ParamValueList& out) {
+void mcd::tsrv::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t stamp, ParamValueList& out) {
   const uint32_t flags = U32(r + 80, le);
   const uint8_t error = static_cast<uint8_t>(flags & 0xFF);
   Add(out, 14, kind, std::to_string(flags), "", sys, stamp, error);

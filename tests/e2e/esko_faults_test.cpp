@@ -49,7 +49,7 @@ class EskoRun {
   void ExpectAllFiled() {
     ASSERT_TRUE(mcdtest::WaitFor([&] { return e2e::CaughtUp(rig, {"201"}); }, 60s)) << rig.DaemonLog();
     EXPECT_EQ(rig.StopDaemon(), 0);
-    EXPECT_TRUE(e2e::ArchivesAsHeld(rig, HeldOut(), {"201=1"}, time(nullptr)));
+    EXPECT_TRUE(mcdtest::ArchivesAsHeld(HeldOut(), rig.root().storage(), {"201=1"}, time(nullptr)));
     EXPECT_EQ(Count(rig.DaemonLog(), "the meter holds no HOURLY record"), 1u);
   }
 

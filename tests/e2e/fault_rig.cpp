@@ -132,20 +132,6 @@ bool CaughtUp(const FaultRig& rig, const std::vector<std::string>& ids) {
   return true;
 }
 
-::testing::AssertionResult ArchivesAsHeld(const FaultRig& rig, const std::string& heldOut,
-                                          const std::vector<std::string>& meters, time_t meterTime) {
-  std::vector<std::string> argv = {"/usr/bin/python3", mcdtest::SourcePath("tools/archive_check.py"), "--held-out",
-                                   heldOut, "--storage", rig.root().storage(), "--meter-time",
-                                   std::to_string(meterTime)};
-  for (const std::string& m : meters) argv.insert(argv.end(), {"--meter", m});
-  mcdtest::ChildProcess check;
-  int status = -1;
-  if (!check.Start(argv) || !check.Wait(60s, &status)) return ::testing::AssertionFailure() << "checker did not run";
-  if (status == 0 && check.Stdout().find("lost 0 duplicated 0 wrong 0") != std::string::npos)
-    return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << check.Stdout() << check.Stderr();
-}
-
 size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
   for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;

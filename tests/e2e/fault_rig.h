@@ -70,12 +70,6 @@ long Bound(const FaultRig& rig, const std::string& id, const char* kind);
 // The daemon has filed up to the last complete hour and day before now.
 bool CaughtUp(const FaultRig& rig, const std::vector<std::string>& ids);
 
-// Runs tools/archive_check.py over the meters (ID=ADDRESS) against the simulator's
-// held-out file: every record the meters hold up to the last complete hour (day) before
-// meterTime is filed once, with its value and quality, and nothing else.
-::testing::AssertionResult ArchivesAsHeld(const FaultRig& rig, const std::string& heldOut,
-                                          const std::vector<std::string>& meters, time_t meterTime);
-
 // How often needle occurs in text.
 size_t Count(const std::string& text, const std::string& needle);
 

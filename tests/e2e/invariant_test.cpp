@@ -4,7 +4,7 @@
 // error answers, kill -9 and restart, unwritable storage, controller clock steps): after
 // a healthy catch-up every record the meters hold is filed exactly once, with its value,
 // quality and interval start, and nothing else is filed. The plain run plays one seed
-// briefly; MCD_LONG_TESTS=1 plays three at full length.
+// briefly with one ESKO meter; MCD_LONG_TESTS=1 plays three at full length.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -27,7 +27,7 @@ TEST_P(ArchiveInvariant, EveryHeldRecordIsFiledOnceThroughRandomFaults) {
   mcdtest::ChildProcess run;
   std::vector<std::string> argv = {"/usr/bin/python3", mcdtest::SourcePath("tools/invariant_run.py"), "--binary",
                                    mcdtest::MainBinary(), "--work", root.root() + "/runs"};
-  if (!full) argv.insert(argv.end(), {"--fault-seconds", "6"});
+  if (!full) argv.insert(argv.end(), {"--fault-seconds", "6", "--esko-meters", "1"});
   argv.push_back(std::to_string(GetParam()));
   ASSERT_TRUE(run.Start(argv));
   int status = -1;

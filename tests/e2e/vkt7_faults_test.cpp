@@ -66,7 +66,7 @@ TEST(FaultInjection, Vkt7BackfillSurvivesLinkAndStorageFaults) {
   EXPECT_GE(phasesInBackfill, 3u);
   ASSERT_TRUE(mcdtest::WaitFor([&] { return e2e::CaughtUp(rig, {"71"}); }, 60s)) << rig.DaemonLog();
   EXPECT_EQ(rig.StopDaemon(), 0);
-  EXPECT_TRUE(e2e::ArchivesAsHeld(rig, heldOut, {"71"}, time(nullptr)));
+  EXPECT_TRUE(mcdtest::ArchivesAsHeld(heldOut, rig.root().storage(), {"71"}, time(nullptr)));
 }
 
 }  // namespace
