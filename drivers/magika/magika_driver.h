@@ -45,6 +45,9 @@ class CmcdMAGIKAAXXX : public CMcdBaseDriver {
   // passed over); false when the gateway has no search or did not find it.
   bool Search(int type, time_t after);
   std::string ReadTemplate(int type);
+  // Reads and parses the archive's template; false (logged, transfer ended) when it is
+  // not understood.
+  bool Template(int type, std::vector<Field>& fields);
   int Walk(int type, time_t from, time_t to, ParamValueList& out);
 
 

@@ -316,24 +316,27 @@ void mcd::tsrv::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t
   Add(out, 29, kind, std::to_string(U16(r + 10, le)), "мин", sys, stamp, error);
 }
 
+bool CmcdTSRV::StampFits(const uint8_t* r, uint32_t asked, uint32_t period) {
+  auto fits = [&](uint32_t v) { return v == asked || v == asked + period; };
+  if (m_order == kOrderUnknown) {
+    if (fits(Be32(r))) {
+      m_order = kOrderBig;
+    } else if (fits(Le32(r))) {
+      m_order = kOrderLittle;
+      LOG_WARNING("CmcdTSRV::get_arch_values - archive records of this meter are little-endian");
+    }
+  }
+  return m_order != kOrderUnknown && fits(U32(r, m_order == kOrderLittle));
+}
+
 CmcdTSRV::Result CmcdTSRV::ReadRecord(int type, int sys, time_t t, ParamValueList& out) {
   const bool hourly = type == ARCH_HOURLY;
   const mcd::cal::Label label = mcd::cal::LocalLabel(t);
   const int hour = hourly ? label.hour : 0;
   const int array = (hourly ? 0 : 1) + 3 * sys;
-  const uint8_t request[13] = {static_cast<uint8_t>(m_link->Slave()),
-                               0x41,
-                               0,
-                               static_cast<uint8_t>(array),
-                               0,
-                               1,
-                               1,
-                               0,
-                               0,
-                               static_cast<uint8_t>(hour),
-                               static_cast<uint8_t>(label.day),
-                               static_cast<uint8_t>(label.month),
-                               static_cast<uint8_t>(label.year % 100)};
+  const uint8_t request[13] = {static_cast<uint8_t>(m_link->Slave()), 0x41, 0, static_cast<uint8_t>(array), 0, 1, 1,
+                               0, 0, static_cast<uint8_t>(hour), static_cast<uint8_t>(label.day),
+                               static_cast<uint8_t>(label.month), static_cast<uint8_t>(label.year % 100)};
   uint8_t answer[3 + 255 + 2];
   m_link->Raw(request, sizeof request, answer, sizeof answer,
               [](const uint8_t* b, int count) { return count < 3 ? 0 : 3 + b[2] + 2; });
@@ -365,18 +368,10 @@ CmcdTSRV::Result CmcdTSRV::ReadRecord(int type, int sys, time_t t, ParamValueLis
   // period's start, or perhaps its end.
   const uint32_t asked = MeterFromLabel(label, hour);
   const uint32_t period = hourly ? kHour : kDay;
-  auto fits = [&](uint32_t v) { return v == asked || v == asked + period; };
-  if (m_order == kOrderUnknown) {
-    if (fits(be)) {
-      m_order = kOrderBig;
-    } else if (fits(Le32(r))) {
-      m_order = kOrderLittle;
-      LOG_WARNING("CmcdTSRV::get_arch_values - archive records of this meter are little-endian");
-    }
-  }
+  const bool fits = StampFits(r, asked, period);
   const bool le = m_order == kOrderLittle;
   const uint32_t stamp = U32(r, le);
-  if (m_order == kOrderUnknown || !fits(stamp)) {
+  if (!fits) {
     LOG_ERR("CmcdTSRV::get_arch_values - %s record asked for %s of system %d carries the time %08X (%s): not filed",
             what, TimeText(t).c_str(), sys, stamp, Hex(r, 4).c_str());
     return kRefused;

@@ -39,6 +39,9 @@ class CmcdTSRV : public CMcdBaseDriver {
   // at t; kRecord puts its values into out.
   Result ReadRecord(int type, int sys, time_t t, ParamValueList& out);
   void ReadInputBytes(uint16_t address, int count, uint8_t* out);
+  // Decides the records' byte order from the first record's time (period start or
+  // end of the time asked); whether this record's time fits.
+  bool StampFits(const uint8_t* record, uint32_t asked, uint32_t period);
   int Systems() const;
 
 
