@@ -62,31 +62,6 @@ TEST_F(FilesTest, ItemTreeLinksAndFileTimes) {
   EXPECT_EQ(ListDir(root.tmp("12/1/tc_items")), Names{"T1"});
 }
 
-TEST_F(FilesTest, ItemsOfArchiveKindsAndSystemData) {
-  CJSONRPCConnector connector("7", 0);
-  // Kinds 4 and 5 leave exactly one line in their archive file.
-  connector.WriteItems({Value(17, 4, "1.0", 1500000000, 0), Value(17, 5, "2.0", 1500000000, 1, 0)});
-  connector.WriteItems({Value(17, 4, "1.5", 1500003600, 0, 193)});
-  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A2")), "1500003600,193,1.5\n");
-  EXPECT_EQ(Times(root.storage("7/1/tc_archives/A2")).second, 1500003600);
-  EXPECT_EQ(ReadFile(root.storage("7/2/tc_archives/A30")), "1500000000,0,2.0\n");
-  EXPECT_TRUE(ListDir(root.tmp("7")).empty());
-
-  // System data with no item directory yet lands in its own system only ...
-  connector.WriteItems({Value(34, 7, "SN1", 1400000000, 0)});
-  EXPECT_EQ(ListDir(root.tmp("7")), (Names{"1", "default"}));
-  // ... and once systems are known, system 0's data goes to each, the time on the last.
-  connector.GetItemsDir(1);
-  connector.GetItemsDir(2);
-  connector.WriteItems({Value(34, 7, "SN2", 1400000500, 0), Value(33, 7, "fw", 1400000600, 1)});
-  for (const char* dir : {"7/1/tc_items/", "7/2/tc_items/", "7/3/tc_items/"})
-    EXPECT_EQ(ReadFile(root.tmp(std::string(dir) + "SerialNumber")), "SN2\n") << dir;
-  EXPECT_EQ(Times(root.tmp("7/3/tc_items/SerialNumber")).second, 1400000500);
-  EXPECT_NE(Times(root.tmp("7/1/tc_items/SerialNumber")).second, 1400000500);
-  EXPECT_EQ(ReadFile(root.tmp("7/2/tc_items/Firmware")), "fw\n");
-  EXPECT_FALSE(FileExists(root.tmp("7/1/tc_items/Firmware")));
-}
-
 TEST_F(FilesTest, ArchiveLinesAndBounds) {
   CJSONRPCConnector connector("7", 0);
   const int32_t t = 1500000000;

@@ -46,8 +46,8 @@ const char* const kMeters = R"({"meters": {
   "zero": {"manufacturer": "esko", "systems": {"system_0": "x"}}
 }})";
 
-// Answers each HTTP request on a loopback port with the next canned answer (the last one
-// repeats), with or without a Content-Length header.
+// Answers each HTTP request on a loopback port with the next canned answer (the last
+// one repeats), with or without a Content-Length header.
 struct Canned {
   std::string body;
   bool withLength = true;
@@ -55,7 +55,6 @@ struct Canned {
 class CannedServer {
  public:
   explicit CannedServer(std::vector<Canned> answers) : m_answers(std::move(answers)) {
-    m_fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -64,7 +63,25 @@ class CannedServer {
         getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
       ADD_FAILURE() << "no loopback listener";
     m_port = ntohs(addr.sin_port);
-    m_thread = std::thread([this] { Serve(); });
+    m_thread = std::thread([this] {
+      for (int c; (c = accept(m_fd, nullptr, nullptr)) >= 0; close(c)) {
+        std::string in;
+        char buf[4096];
+        for (ssize_t n; (n = read(c, buf, sizeof buf)) > 0;) {
+          in.append(buf, static_cast<size_t>(n));
+          const size_t head = in.find("\r\n\r\n"), length = in.find("Content-Length: ");
+          if (head != std::string::npos && length != std::string::npos &&
+              in.size() >= head + 4 + std::stoul(in.substr(length + 16)))
+            break;
+        }
+        const Canned& answer = m_answers[std::min<size_t>(m_count++, m_answers.size() - 1)];
+        std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n";
+        if (answer.withLength) reply += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
+        reply += "\r\n" + answer.body;
+        for (size_t at = 0, n; at < reply.size(); at += n)
+          if ((n = static_cast<size_t>(std::max<ssize_t>(0, write(c, reply.data() + at, reply.size() - at)))) == 0) break;
+      }
+    });
   }
   ~CannedServer() {
     shutdown(m_fd, SHUT_RDWR);  // wakes accept
@@ -75,35 +92,7 @@ class CannedServer {
   int requests() const { return m_count.load(); }
 
  private:
-  void Serve() {
-    for (;;) {
-      int c = accept(m_fd, nullptr, nullptr);
-      if (c < 0) return;
-      std::string in;
-      char buf[4096];
-      for (;;) {
-        ssize_t n = read(c, buf, sizeof buf);
-        if (n <= 0) break;
-        in.append(buf, static_cast<size_t>(n));
-        size_t head = in.find("\r\n\r\n");
-        size_t lengthAt = in.find("Content-Length: ");
-        if (head != std::string::npos && lengthAt != std::string::npos &&
-            in.size() >= head + 4 + std::stoul(in.substr(lengthAt + 16)))
-          break;
-      }
-      const Canned& answer = m_answers[std::min<size_t>(m_count++, m_answers.size() - 1)];
-      std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n";
-      if (answer.withLength) reply += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
-      reply += "\r\n" + answer.body;
-      for (size_t at = 0; at < reply.size();) {
-        ssize_t n = write(c, reply.data() + at, reply.size() - at);
-        if (n <= 0) break;
-        at += static_cast<size_t>(n);
-      }
-      close(c);
-    }
-  }
-  int m_fd = -1;
+  int m_fd = socket(AF_INET, SOCK_STREAM, 0);
   int m_port = 0;
   std::vector<Canned> m_answers;
   std::atomic<int> m_count{0};
