@@ -27,7 +27,7 @@ TEST_P(ArchiveInvariant, EveryHeldRecordIsFiledOnceThroughRandomFaults) {
   mcdtest::ChildProcess run;
   std::vector<std::string> argv = {"/usr/bin/python3", mcdtest::SourcePath("tools/invariant_run.py"), "--binary",
                                    mcdtest::MainBinary(), "--work", root.root() + "/runs"};
-  if (!full) argv.insert(argv.end(), {"--fault-seconds", "6", "--esko-meters", "1"});
+  if (!full) argv.insert(argv.end(), {"--fault-seconds", "4", "--esko-meters", "1"});
   argv.push_back(std::to_string(GetParam()));
   ASSERT_TRUE(run.Start(argv));
   int status = -1;
