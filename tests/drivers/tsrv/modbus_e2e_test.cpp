@@ -60,7 +60,8 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
     const std::string tty = root.tmp(std::string(l.id) + ".tty");
     std::vector<std::string> argv = {"python3", mcdtest::SourcePath(l.script), "--link", tty, "--control",
                                      root.tmp(std::string(l.id) + ".control"), "--held-out",
-                                     root.tmp(std::string(l.id) + ".held")};
+                                     root.tmp(std::string(l.id) + ".held"), "--stats",
+                                     root.tmp(std::string(l.id) + ".stats")};
     argv.insert(argv.end(), l.options.begin(), l.options.end());
     ASSERT_TRUE(sims[i].Start(argv));
     ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::FileExists(tty) && mcdtest::FileExists(root.tmp(std::string(l.id) + ".held")); }, 20s));
@@ -108,9 +109,15 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
     return mcdtest::FileExists(root.tmp("301/1/tc_items/SerialNumber")) &&
            mcdtest::FileExists(root.tmp("302/1/tc_items/SerialNumber"));
   }, 60s)) << daemons[0].Stderr() << daemons[1].Stderr();
+  // each for two requests on each line
+  auto requests = [&](int i) {
+    return ReadJson(root.tmp(std::string(lines[i].id) + ".stats")).get("requests", 0).asInt();
+  };
   for (const char* fault : {"\"silent\": true", "", "\"exception\": 4", "", "\"bad_checksum\": true", ""}) {
+    const int before[2] = {requests(0), requests(1)};
     control(fault);
-    std::this_thread::sleep_for(1500ms);
+    EXPECT_TRUE(mcdtest::WaitFor([&] { return requests(0) >= before[0] + 2 && requests(1) >= before[1] + 2; }, 30s))
+        << fault;
   }
 
   auto caughtUp = [&] {
