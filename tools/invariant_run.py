@@ -332,7 +332,7 @@ def run_seed(seed, args):
         os.path.join(TOOLS, "vkt7_sim.py"), "--first-hour", str(first_hour), "--first-day", str(first_day),
         "--error2-reads", ",".join(map(str, error2))] + (["--holes", ",".join(map(str, holes))] if holes else []),
         random.Random(seed * 7919 + 1))
-    esko_meters = [("201", 1, "esko-mtr-06", "mtr06"), ("202", 2, "esko-tm3", "tm3e")]
+    esko_meters = [("201", 1, "esko-mtr-06", "mtr06"), ("202", 2, "esko-tm3", "tm3e")][:args.esko_meters]
     esko_specs = []
     for ident, address, _, model in esko_meters:
         esko_specs += ["--meter", "%d:%s:%d:%d" % (address, model, back + rng.randint(2, 5), rng.randint(3, 4))]
@@ -477,6 +477,8 @@ def main():
     parser.add_argument("--scale", type=int, default=1800, help="MCD_TIME_SCALE of the daemons")
     parser.add_argument("--fault-seconds", type=float, default=15, help="how long faults are played")
     parser.add_argument("--catch-up-seconds", type=int, default=150, help="time allowed to catch up")
+    parser.add_argument("--esko-meters", type=int, choices=(1, 2), default=2,
+                        help="meters on the ESKO line: the MTR-06, or the MTR-06 and the TM-3E")
     parser.add_argument("seeds", nargs="+", type=int)
     args = parser.parse_args()
     passed = failed = 0

@@ -294,38 +294,91 @@ bool CMcdBaseDriver::CheckReady(bool retry) {
   return ready;
 }
 
+void CMcdBaseDriver::WaitForTurn(unsigned step) {
+  // While a stop or reload is pending the turn is still waited for, without spinning.
+  while (!GetTurn()) {
+    if (mcd::InterruptRequested())
+      IdleWhileInterrupted();
+    else
+      mcd::Sleep(step);
+  }
+}
+
+bool CMcdBaseDriver::ReadSystemValues() {
+  ParamValueList system = get_all_system_values();
+  if (system.empty()) {
+    LOG_WARNING("CMcdBaseDriver::functionThread system info is absent.");
+    return false;
+  }
+  client->WriteItems(system);
+  return true;
+}
+
+bool CMcdBaseDriver::Connect() {
+  init();
+  bool systemRead = false;
+  bool answered = false;
+  if (CheckReady(false)) {
+    answered = ReadSystemValues();
+    systemRead = true;
+  }
+  client->SetConnectionState(answered);
+  if (Family().hold_off == DriverFamily::kHoldOffVkt7) client->WriteVKT7Timestamp();
+  if (Family().hold_off == DriverFamily::kHoldOffVkt9) client->WriteVKT9Timestamp();
+  LOG_DEBUG("CMcdBaseDriver::functionThread - connecting to controller registered.");
+  return systemRead;
+}
+
+void CMcdBaseDriver::PollCycle(time_t& nextHourly, time_t& nextDaily, bool& systemRead) {
+  if (ClockStepped()) {
+    // The meter's clock dates the records; only when they fall due is recomputed.
+    const time_t now = mcd::Monotonic();
+    nextHourly = std::min(nextHourly, now);
+    nextDaily = std::min(nextDaily, now);
+  }
+  // The pause files are looked at anew before each step, so a pause that starts in
+  // the middle of a cycle skips only what remains of it.
+  if (MayPoll()) {
+    if (CheckReady(true)) {
+      if (!systemRead) {
+        ReadSystemValues();
+        systemRead = true;
+      }
+      LOG_INFO("CMcdBaseDriver::functionThread begin all current values.");
+      ParamValueList current = get_all_curtime_cur_integ_values();
+      client->WriteItems(current);
+      LOG_INFO("CMcdBaseDriver::functionThread end all current values.");
+      client->SetConnectionState(!current.empty());
+    } else {
+      client->SetConnectionState(false);
+    }
+  }
+  const bool ready = readyState == 1;
+  if (ready && !mcd::InterruptRequested() && mcd::Monotonic() >= nextHourly && MayPoll())
+    nextHourly = ReadHourlyArch();
+  if (ready && !mcd::InterruptRequested() && mcd::Monotonic() >= nextDaily && MayPoll())
+    nextDaily = ReadDailyArch();
+  if (!mcd::InterruptRequested()) archives_current.store(!ArchivesLag());
+}
+
 void CMcdBaseDriver::functionThread() {
   // Cancellation destroys the line lock and the value lists of this frame.
   CancellationUnwindGuard unwindGuard;
-  const bool isVkt7 = Family().hold_off == DriverFamily::kHoldOffVkt7;
-  const bool isVkt9 = Family().hold_off == DriverFamily::kHoldOffVkt9;
   LOG_INFO("CMcdBaseDriver::functionThread begin execute thread.");
-
-  if (isVkt7) WaitVKT7();
+  if (Family().hold_off == DriverFamily::kHoldOffVkt7) WaitVKT7();
 
   auto found = configuration.find("period_current");
   const int period = atoi(found == configuration.end() ? "" : found->second.c_str());
-
   // Due times are on the monotonic clock: a stepped calendar clock neither stops nor
   // skips archive reading.
   const time_t start = mcd::Monotonic();
   time_t nextHourly = period <= kFirstArchiveHoldBack ? start + kFirstArchiveHoldBack : start;
   time_t nextDaily = nextHourly;
 
-  // While a stop or reload is pending the turn is still waited for, without spinning.
-  auto waitForTurn = [this](unsigned step) {
-    while (!GetTurn()) {
-      if (mcd::InterruptRequested())
-        IdleWhileInterrupted();
-      else
-        mcd::Sleep(step);
-    }
-  };
-
   LineHold line;
   bool stateRecorded = false;
   for (;;) {
-    waitForTurn(5);
+    WaitForTurn(5);
     line.lock();
     if (!stateRecorded) {
       client->SetConnectionState(false);
@@ -339,71 +392,16 @@ void CMcdBaseDriver::functionThread() {
     line.unlock();
     ClearTurn();
   }
-
-  init();
-  bool systemRead = false;
-  bool answered = false;
-  if (CheckReady(false)) {
-    ParamValueList system = get_all_system_values();
-    systemRead = true;
-    answered = !system.empty();
-    if (system.empty()) {
-      LOG_WARNING("CMcdBaseDriver::functionThread system info is absent.");
-    } else {
-      client->WriteItems(system);
-    }
-  }
-
-  client->SetConnectionState(answered);
-  if (isVkt7) client->WriteVKT7Timestamp();
-  if (isVkt9) client->WriteVKT9Timestamp();
-  LOG_DEBUG("CMcdBaseDriver::functionThread - connecting to controller registered.");
-
+  bool systemRead = Connect();
   line.unlock();
   ClockStepped();  // the first look
 
   for (;;) {
-    waitForTurn(25);
+    WaitForTurn(25);
     line.lock();
-
-    if (ClockStepped()) {
-      // The meter's clock dates the records; only when they fall due is recomputed.
-      const time_t now = mcd::Monotonic();
-      nextHourly = std::min(nextHourly, now);
-      nextDaily = std::min(nextDaily, now);
-    }
-
-    // The pause files are looked at anew before each step, so a pause that starts in
-    // the middle of a cycle skips only what remains of it.
-    if (MayPoll()) {
-      if (CheckReady(true)) {
-        if (!systemRead) {
-          ParamValueList system = get_all_system_values();
-          systemRead = true;
-          if (system.empty())
-            LOG_WARNING("CMcdBaseDriver::functionThread system info is absent.");
-          else
-            client->WriteItems(system);
-        }
-        LOG_INFO("CMcdBaseDriver::functionThread begin all current values.");
-        ParamValueList current = get_all_curtime_cur_integ_values();
-        client->WriteItems(current);
-        LOG_INFO("CMcdBaseDriver::functionThread end all current values.");
-        client->SetConnectionState(!current.empty());
-      } else {
-        client->SetConnectionState(false);
-      }
-    }
-    const bool ready = readyState == 1;
-    if (ready && !mcd::InterruptRequested() && mcd::Monotonic() >= nextHourly && MayPoll())
-      nextHourly = ReadHourlyArch();
-    if (ready && !mcd::InterruptRequested() && mcd::Monotonic() >= nextDaily && MayPoll())
-      nextDaily = ReadDailyArch();
-
-    if (!mcd::InterruptRequested()) archives_current.store(!ArchivesLag());
+    PollCycle(nextHourly, nextDaily, systemRead);
     line.unlock();
     ClearTurn();
-
     // Asked again after the turn is given back: outside the turn, but under the line lock.
     bool lag = false;
     if (!mcd::InterruptRequested()) {

@@ -113,6 +113,16 @@ class CMcdBaseDriver : public myThreadAttached {
   std::atomic<bool> archives_current{true};
 
  private:
+  // Sleeps in steps of `step` seconds until the turn is set.
+  void WaitForTurn(unsigned step);
+  // Reads and files the system values; false when the meter gave none.
+  bool ReadSystemValues();
+  // The first turn's work: init, the system values when ready, the link state and the
+  // VKT connection start; whether the system values were read.
+  bool Connect();
+  // One turn's work: current values, archives that are due, whether they lag.
+  void PollCycle(time_t& nextHourly, time_t& nextDaily, bool& systemRead);
+
   int readyState = -1;       // -1 unknown, 0 not ready, 1 ready (for the change log)
   int meterClockState = -1;  // -1 unknown, 0 not usable, 1 usable
   time_t lastCalendar = 0, lastMonotonic = 0;

@@ -225,7 +225,7 @@ int CmcdMAGIKAAXXX::GetTimestamps(Timestamps& out) {
   }
 }
 
-bool CmcdMAGIKAAXXX::ParseTemplate(const std::string& text, int type, std::vector<Field>& fields, std::string& why) {
+bool mcd::magika::ParseTemplate(const std::string& text, int type, std::vector<Field>& fields, std::string& why) {
   fields.clear();
   std::stringstream words(text);
   std::string name;
@@ -244,7 +244,7 @@ bool CmcdMAGIKAAXXX::ParseTemplate(const std::string& text, int type, std::vecto
   return true;
 }
 
-time_t CmcdMAGIKAAXXX::LineTime(const std::vector<Field>& fields, const uint8_t* line, int type) {
+time_t mcd::magika::LineTime(const std::vector<Field>& fields, const uint8_t* line, int type) {
   mcd::cal::Label label;
   label.day = FromBcd(line[0]);
   label.month = FromBcd(line[1]);
@@ -358,24 +358,46 @@ bool CmcdMAGIKAAXXX::Search(int type, time_t after) {
   return false;
 }
 
+bool CmcdMAGIKAAXXX::Template(int type, std::vector<Field>& fields) {
+  std::string why;
+  const std::string text = ReadTemplate(type);
+  if (ParseTemplate(text, type, fields, why)) return true;
+  LOG_ERR("CmcdMAGIKAAXXX::get_arch_values - %s template \"%s\" not understood (%s): nothing filed",
+          type == ARCH_HOURLY ? "hourly" : "daily", text.c_str(), why.c_str());
+  m_link->WriteRegister(kCommand, type == ARCH_HOURLY ? kHourly.end : kDaily.end);
+  return false;
+}
+
+namespace {
+
+// Files the lines read (newest first) oldest first; says which records of from..to the
+// meter does not hold.
+void FileOldestFirst(std::vector<std::pair<time_t, ParamValueList>>& lines, bool hourly, time_t from, time_t to,
+                     ParamValueList& out) {
+  std::set<time_t> filed;
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
+    filed.insert(it->first);
+    out.splice(out.end(), it->second);
+  }
+  for (time_t t = from; t <= to; t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t))
+    if (!filed.count(t))
+      LOG_WARNING("CmcdMAGIKAAXXX::get_arch_values - the meter holds no %s line for %s: skipped",
+                  hourly ? "hourly" : "daily", TimeText(t).c_str());
+}
+
+}  // namespace
+
 int CmcdMAGIKAAXXX::Walk(int type, time_t from, time_t to, ParamValueList& out) {
   const bool hourly = type == ARCH_HOURLY;
   const Commands& c = hourly ? kHourly : kDaily;
   const char* what = hourly ? "hourly" : "daily";
   std::vector<Field> fields;
-  std::string why;
-  std::string text = ReadTemplate(type);
-  if (!ParseTemplate(text, type, fields, why)) {
-    LOG_ERR("CmcdMAGIKAAXXX::get_arch_values - %s template \"%s\" not understood (%s): nothing filed", what,
-            text.c_str(), why.c_str());
-    m_link->WriteRegister(kCommand, c.end);
-    return 0;
-  }
+  if (!Template(type, fields)) return 0;
   int expected = 0;
   for (const Field& f : fields) expected += f.size;
   const time_t after = hourly ? mcd::cal::NextHour(to) : mcd::cal::NextDay(to);
   const bool tried = !m_noSearch;
-  if (!Search(type, after) && tried) text = ReadTemplate(type);  // start again from the newest line
+  if (!Search(type, after) && tried) ReadTemplate(type);  // start again from the newest line
 
   std::vector<std::pair<time_t, ParamValueList>> lines;  // newest first
   time_t previous = 0;
@@ -419,15 +441,7 @@ int CmcdMAGIKAAXXX::Walk(int type, time_t from, time_t to, ParamValueList& out) 
   m_link->WriteRegister(kCommand, c.end);
   if (end && previous != 0) m_oldest[hourly ? 0 : 1] = previous;
 
-  std::set<time_t> filed;
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
-    filed.insert(it->first);
-    out.splice(out.end(), it->second);
-  }
-  for (time_t t = from; t <= to; t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t))
-    if (!filed.count(t))
-      LOG_WARNING("CmcdMAGIKAAXXX::get_arch_values - the meter holds no %s line for %s: skipped", what,
-                  TimeText(t).c_str());
+  FileOldestFirst(lines, hourly, from, to, out);
   return 1;
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "drivers/base/base_driver.h"
+#include "drivers/magika/magika_decode.h"
 #include "transport/modbus_connector.h"
 
 class CmcdMAGIKAAXXX : public CMcdBaseDriver {
@@ -30,25 +31,13 @@ class CmcdMAGIKAAXXX : public CMcdBaseDriver {
   int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
   bool IsReady() const override { return m_ready; }
 
-  // One field of an archive line as the template names it.
-  struct Field {
-    std::string name;
-    int size;
-  };
-  // --- pure decoding steps, public for tests ---
-  // The fields of a template for the archive type (4 hourly, 5 daily); false (and
-  // why) when a name is unknown.
-  static bool ParseTemplate(const std::string& text, int type, std::vector<Field>& fields, std::string& why);
-  // The record time of a line (DATE at 00:00, plus HOUR for hourly lines); -1 when
-  // the date is not valid BCD or names no local time.
-  static time_t LineTime(const std::vector<Field>& fields, const uint8_t* line, int type);
+ private:
+  using Field = mcd::magika::Field;
   // Files the line's fields for the systems under `kind`, stamped `stamp`.
   void ParseLine(const std::vector<Field>& fields, const uint8_t* line, int kind, time_t stamp,
                  ParamValueList& out) const;
   // Pipes (1-based) of each heat system; from "pipes" ("1,2;3,4"), else 2s+1, 2s+2.
   std::vector<std::vector<int>> SystemPipes() const;
-
- private:
   // Reads `length` bytes of the transfer buffer (registers 1003..., 1128...).
   std::vector<uint8_t> ReadBuffer(int length);
   uint16_t ReadLength();
@@ -56,6 +45,9 @@ class CmcdMAGIKAAXXX : public CMcdBaseDriver {
   // passed over); false when the gateway has no search or did not find it.
   bool Search(int type, time_t after);
   std::string ReadTemplate(int type);
+  // Reads and parses the archive's template; false (logged, transfer ended) when it is
+  // not understood.
+  bool Template(int type, std::vector<Field>& fields);
   int Walk(int type, time_t from, time_t to, ParamValueList& out);
 
 

@@ -120,7 +120,10 @@ void CmcdTSRV::ReadInputBytes(uint16_t address, int count, uint8_t* out) {
   }
 }
 
-CmcdTSRV::TotalsLayout CmcdTSRV::DecideTotals(const uint8_t* b) {
+namespace mcd {
+namespace tsrv {
+
+TotalsLayout DecideTotals(const uint8_t* b) {
   const bool tailZero = Be32(b + 4) == 0;
   if (tailZero && Be32(b) == 0) return kTotalsIntFrac;
   if (tailZero && PlausibleFloat(F32(b, false))) return kTotalsFloat;
@@ -129,7 +132,7 @@ CmcdTSRV::TotalsLayout CmcdTSRV::DecideTotals(const uint8_t* b) {
   return kTotalsUnknown;
 }
 
-bool CmcdTSRV::TotalText(const uint8_t* b, TotalsLayout layout, std::string& text, std::string& why) {
+bool TotalText(const uint8_t* b, TotalsLayout layout, std::string& text, std::string& why) {
   if (layout == kTotalsFloat) {
     if (Be32(b + 4) != 0) {
       why = "a plain-float total with a non-zero tail " + Hex(b, 8);
@@ -153,6 +156,11 @@ bool CmcdTSRV::TotalText(const uint8_t* b, TotalsLayout layout, std::string& tex
   if (!text.empty() && text.back() == '.') text.pop_back();
   return true;
 }
+
+}  // namespace tsrv
+}  // namespace mcd
+
+using namespace mcd::tsrv;
 
 void CmcdTSRV::init() {
   if (!m_link) return;
@@ -291,7 +299,7 @@ int CmcdTSRV::GetTimestamps(Timestamps& out) {
   }
 }
 
-void CmcdTSRV::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t stamp, ParamValueList& out) {
+void mcd::tsrv::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t stamp, ParamValueList& out) {
   const uint32_t flags = U32(r + 80, le);
   const uint8_t error = static_cast<uint8_t>(flags & 0xFF);
   Add(out, 14, kind, std::to_string(flags), "", sys, stamp, error);
@@ -308,24 +316,27 @@ void CmcdTSRV::ParseRecord(const uint8_t* r, bool le, int kind, int sys, time_t 
   Add(out, 29, kind, std::to_string(U16(r + 10, le)), "мин", sys, stamp, error);
 }
 
+bool CmcdTSRV::StampFits(const uint8_t* r, uint32_t asked, uint32_t period) {
+  auto fits = [&](uint32_t v) { return v == asked || v == asked + period; };
+  if (m_order == kOrderUnknown) {
+    if (fits(Be32(r))) {
+      m_order = kOrderBig;
+    } else if (fits(Le32(r))) {
+      m_order = kOrderLittle;
+      LOG_WARNING("CmcdTSRV::get_arch_values - archive records of this meter are little-endian");
+    }
+  }
+  return m_order != kOrderUnknown && fits(U32(r, m_order == kOrderLittle));
+}
+
 CmcdTSRV::Result CmcdTSRV::ReadRecord(int type, int sys, time_t t, ParamValueList& out) {
   const bool hourly = type == ARCH_HOURLY;
   const mcd::cal::Label label = mcd::cal::LocalLabel(t);
   const int hour = hourly ? label.hour : 0;
   const int array = (hourly ? 0 : 1) + 3 * sys;
-  const uint8_t request[13] = {static_cast<uint8_t>(m_link->Slave()),
-                               0x41,
-                               0,
-                               static_cast<uint8_t>(array),
-                               0,
-                               1,
-                               1,
-                               0,
-                               0,
-                               static_cast<uint8_t>(hour),
-                               static_cast<uint8_t>(label.day),
-                               static_cast<uint8_t>(label.month),
-                               static_cast<uint8_t>(label.year % 100)};
+  const uint8_t request[13] = {static_cast<uint8_t>(m_link->Slave()), 0x41, 0, static_cast<uint8_t>(array), 0, 1, 1,
+                               0, 0, static_cast<uint8_t>(hour), static_cast<uint8_t>(label.day),
+                               static_cast<uint8_t>(label.month), static_cast<uint8_t>(label.year % 100)};
   uint8_t answer[3 + 255 + 2];
   m_link->Raw(request, sizeof request, answer, sizeof answer,
               [](const uint8_t* b, int count) { return count < 3 ? 0 : 3 + b[2] + 2; });
@@ -357,18 +368,10 @@ CmcdTSRV::Result CmcdTSRV::ReadRecord(int type, int sys, time_t t, ParamValueLis
   // period's start, or perhaps its end.
   const uint32_t asked = MeterFromLabel(label, hour);
   const uint32_t period = hourly ? kHour : kDay;
-  auto fits = [&](uint32_t v) { return v == asked || v == asked + period; };
-  if (m_order == kOrderUnknown) {
-    if (fits(be)) {
-      m_order = kOrderBig;
-    } else if (fits(Le32(r))) {
-      m_order = kOrderLittle;
-      LOG_WARNING("CmcdTSRV::get_arch_values - archive records of this meter are little-endian");
-    }
-  }
+  const bool fits = StampFits(r, asked, period);
   const bool le = m_order == kOrderLittle;
   const uint32_t stamp = U32(r, le);
-  if (m_order == kOrderUnknown || !fits(stamp)) {
+  if (!fits) {
     LOG_ERR("CmcdTSRV::get_arch_values - %s record asked for %s of system %d carries the time %08X (%s): not filed",
             what, TimeText(t).c_str(), sys, stamp, Hex(r, 4).c_str());
     return kRefused;

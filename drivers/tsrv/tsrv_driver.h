@@ -15,6 +15,7 @@
 #include <string>
 
 #include "drivers/base/base_driver.h"
+#include "drivers/tsrv/tsrv_decode.h"
 #include "transport/modbus_connector.h"
 
 class CmcdTSRV : public CMcdBaseDriver {
@@ -27,22 +28,10 @@ class CmcdTSRV : public CMcdBaseDriver {
   ParamValueList get_all_system_values() override;
   int GetTimestamps(Timestamps& out) override;
   int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override;
-  bool IsReady() const override { return m_totals != kTotalsUnknown; }
+  bool IsReady() const override { return m_totals != mcd::tsrv::kTotalsUnknown; }
 
-  // How the meter's 8-byte totals are laid out, once decided.
-  enum TotalsLayout { kTotalsUnknown, kTotalsIntFrac, kTotalsFloat };
   // Byte order of the archive records, once decided by the first record.
   enum RecordOrder { kOrderUnknown, kOrderBig, kOrderLittle };
-
-  // --- pure decoding steps, public for tests ---
-  // Decides the layout from one total's 8 bytes; kTotalsUnknown when neither fits.
-  static TotalsLayout DecideTotals(const uint8_t* bytes);
-  // Renders an 8-byte total in the given layout; false (and why) when it does not fit.
-  static bool TotalText(const uint8_t* bytes, TotalsLayout layout, std::string& text, std::string& why);
-  // Parses one 172-byte record of system `sys` into archive values of `kind` stamped
-  // `stamp`.
-  static void ParseRecord(const uint8_t* record, bool littleEndian, int kind, int sys, time_t stamp,
-                          ParamValueList& out);
 
  private:
   enum Result { kRecord, kNoRecord, kRefused };
@@ -50,11 +39,14 @@ class CmcdTSRV : public CMcdBaseDriver {
   // at t; kRecord puts its values into out.
   Result ReadRecord(int type, int sys, time_t t, ParamValueList& out);
   void ReadInputBytes(uint16_t address, int count, uint8_t* out);
+  // Decides the records' byte order from the first record's time (period start or
+  // end of the time asked); whether this record's time fits.
+  bool StampFits(const uint8_t* record, uint32_t asked, uint32_t period);
   int Systems() const;
 
 
   std::unique_ptr<CModbusMeterLink> m_link;
-  TotalsLayout m_totals = kTotalsUnknown;
+  mcd::tsrv::TotalsLayout m_totals = mcd::tsrv::kTotalsUnknown;
   RecordOrder m_order = kOrderUnknown;
   std::string m_model, m_firmware;
   std::string m_notReady;  // why init did not succeed the last time

@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <set>
-#include <sstream>
 
 namespace e2e {
 
@@ -121,48 +119,23 @@ bool FaultRig::RestoreStorage(const std::string& id) {
   return unlink((dir + ".aside").c_str()) == 0;
 }
 
-long ReadNumber(const std::string& path) {
-  const std::string text = mcdtest::ReadFile(path);
-  return text.empty() ? 0 : atol(text.c_str());
+long Bound(const FaultRig& rig, const std::string& id, const char* kind) {
+  return atol(mcdtest::ReadFile(rig.root().storage(id + "/timestamp_max_" + kind)).c_str());
 }
 
-::testing::AssertionResult ArchiveIsExactly(const std::string& path, const std::vector<time_t>& expected,
-                                            const std::map<time_t, std::string>& values) {
-  const std::vector<std::string> lines = mcdtest::ReadLines(path);
-  std::map<time_t, int> seen;
-  std::ostringstream problems;
-  time_t previous = 0;
-  for (const std::string& line : lines) {
-    const time_t t = strtol(line.c_str(), nullptr, 10);
-    if (++seen[t] == 2) problems << " duplicate " << t << ";";
-    if (t < previous) problems << " out of order " << t << ";";
-    previous = t;
-    const size_t comma = line.find(',');
-    if (comma == std::string::npos || line.compare(comma, 5, ",192,") != 0) problems << " bad line '" << line << "';";
-    auto v = values.find(t);
-    if (v != values.end() && line.substr(comma + 5) != v->second)
-      problems << " value at " << t << " is " << line.substr(comma + 5) << ", not " << v->second << ";";
-  }
-  const std::set<time_t> wanted(expected.begin(), expected.end());
-  for (time_t t : wanted)
-    if (!seen.count(t)) problems << " missing " << t << ";";
-  for (const auto& kv : seen)
-    if (!wanted.count(kv.first)) problems << " unexpected " << kv.first << ";";
-  if (problems.str().empty()) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << path << " (" << lines.size() << " lines, " << wanted.size()
-                                       << " records on the meter):" << problems.str();
+bool CaughtUp(const FaultRig& rig, const std::vector<std::string>& ids) {
+  const time_t now = time(nullptr);
+  for (const std::string& id : ids)
+    if (Bound(rig, id, "hourly") != mcdtest::LocalHourStart(now) - 3600 ||
+        Bound(rig, id, "daily") != mcdtest::LocalMidnight(mcdtest::LocalMidnight(now) - 43200))
+      return false;
+  return true;
 }
 
-std::vector<time_t> Hours(time_t first, time_t last) {
-  std::vector<time_t> out;
-  for (time_t t = first; t <= last; t += 3600) out.push_back(t);
-  return out;
-}
-
-std::vector<time_t> Days(time_t first, time_t last) {
-  std::vector<time_t> out;
-  for (time_t t = first; t <= last; t = mcdtest::LocalMidnight(t + 86400 + 7200)) out.push_back(t);
-  return out;
+size_t Count(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
 }
 
 }  // namespace e2e

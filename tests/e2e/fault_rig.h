@@ -7,7 +7,6 @@
 #include <ctime>
 
 #include <chrono>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -65,17 +64,13 @@ class FaultRig {
   mcdtest::ChildProcess m_sim, m_daemon;
 };
 
-// Reads a one-number file (a bound); 0 when missing.
-long ReadNumber(const std::string& path);
+// The bound on file of a meter: "hourly" or "daily"; 0 when missing.
+long Bound(const FaultRig& rig, const std::string& id, const char* kind);
 
-// Checks that an archive file holds exactly one line per record time of `expected`,
-// in order, each carrying the quality 192 and the value that valueOf gives; reports
-// gaps, duplicates and strangers by time.
-::testing::AssertionResult ArchiveIsExactly(const std::string& path, const std::vector<time_t>& expected,
-                                            const std::map<time_t, std::string>& values = {});
+// The daemon has filed up to the last complete hour and day before now.
+bool CaughtUp(const FaultRig& rig, const std::vector<std::string>& ids);
 
-// Hour starts from first to last inclusive; local midnights from first to last inclusive.
-std::vector<time_t> Hours(time_t first, time_t last);
-std::vector<time_t> Days(time_t first, time_t last);
+// How often needle occurs in text.
+size_t Count(const std::string& text, const std::string& needle);
 
 }  // namespace e2e

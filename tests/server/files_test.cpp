@@ -62,57 +62,6 @@ TEST_F(FilesTest, ItemTreeLinksAndFileTimes) {
   EXPECT_EQ(ListDir(root.tmp("12/1/tc_items")), Names{"T1"});
 }
 
-TEST_F(FilesTest, DefaultLinksAndDirectoryCache) {
-  CJSONRPCConnector second("5", 1);
-  EXPECT_EQ(second.GetArchiveDir(0, false), root.storage("5/1/tc_archives/"));
-  EXPECT_FALSE(FileExists(root.storage("5/default")));
-  EXPECT_EQ(second.GetArchiveDir(1, false), root.storage("5/2/tc_archives/"));
-  EXPECT_EQ(Link(root.storage("5/default")), root.storage("5/2"));
-
-  // An existing entry is left as it is.
-  mkdir(root.tmp("9").c_str(), 0755);
-  ASSERT_EQ(symlink("/elsewhere", root.tmp("9/default").c_str()), 0);
-  CJSONRPCConnector kept("9", 0);
-  kept.GetItemsDir(0);
-  EXPECT_EQ(Link(root.tmp("9/default")), "/elsewhere");
-
-  // The temporary archive directory of the default system makes the link too; system 128
-  // shares its cache key with it; a cached directory is not made again.
-  CJSONRPCConnector tmp("8", 0);
-  EXPECT_EQ(tmp.GetArchiveDir(0, true), root.storage("8/1/tc_tmp_archives/"));
-  EXPECT_EQ(Link(root.storage("8/default")), root.storage("8/1"));
-  EXPECT_EQ(tmp.GetArchiveDir(128, false), root.storage("8/1/tc_tmp_archives/"));
-  rmdir(root.storage("8/1/tc_tmp_archives").c_str());
-  EXPECT_EQ(tmp.GetArchiveDir(0, true), root.storage("8/1/tc_tmp_archives/"));
-  EXPECT_EQ(ListDir(root.storage("8")), (Names{"1", "default"}));
-  EXPECT_TRUE(ListDir(root.storage("8/1")).empty());
-}
-
-TEST_F(FilesTest, ItemsOfArchiveKindsAndSystemData) {
-  CJSONRPCConnector connector("7", 0);
-  // Kinds 4 and 5 leave exactly one line in their archive file.
-  connector.WriteItems({Value(17, 4, "1.0", 1500000000, 0), Value(17, 5, "2.0", 1500000000, 1, 0)});
-  connector.WriteItems({Value(17, 4, "1.5", 1500003600, 0, 193)});
-  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A2")), "1500003600,193,1.5\n");
-  EXPECT_EQ(Times(root.storage("7/1/tc_archives/A2")).second, 1500003600);
-  EXPECT_EQ(ReadFile(root.storage("7/2/tc_archives/A30")), "1500000000,0,2.0\n");
-  EXPECT_TRUE(ListDir(root.tmp("7")).empty());
-
-  // System data with no item directory yet lands in its own system only ...
-  connector.WriteItems({Value(34, 7, "SN1", 1400000000, 0)});
-  EXPECT_EQ(ListDir(root.tmp("7")), (Names{"1", "default"}));
-  // ... and once systems are known, system 0's data goes to each, the time on the last.
-  connector.GetItemsDir(1);
-  connector.GetItemsDir(2);
-  connector.WriteItems({Value(34, 7, "SN2", 1400000500, 0), Value(33, 7, "fw", 1400000600, 1)});
-  for (const char* dir : {"7/1/tc_items/", "7/2/tc_items/", "7/3/tc_items/"})
-    EXPECT_EQ(ReadFile(root.tmp(std::string(dir) + "SerialNumber")), "SN2\n") << dir;
-  EXPECT_EQ(Times(root.tmp("7/3/tc_items/SerialNumber")).second, 1400000500);
-  EXPECT_NE(Times(root.tmp("7/1/tc_items/SerialNumber")).second, 1400000500);
-  EXPECT_EQ(ReadFile(root.tmp("7/2/tc_items/Firmware")), "fw\n");
-  EXPECT_FALSE(FileExists(root.tmp("7/1/tc_items/Firmware")));
-}
-
 TEST_F(FilesTest, ArchiveLinesAndBounds) {
   CJSONRPCConnector connector("7", 0);
   const int32_t t = 1500000000;
@@ -144,45 +93,6 @@ TEST_F(FilesTest, ArchiveLinesAndBounds) {
   EXPECT_EQ(ListDir(root.storage("8/1/tc_tmp_archives")), (Names{"A1", "A29"}));
   EXPECT_EQ(ListDir(root.storage("8/1/tc_archives")), (Names{"A2", "A30"}));
   EXPECT_EQ(ReadFile(root.storage("8/1/tc_tmp_archives/A1")), "3600,192,h\n");
-}
-
-TEST_F(FilesTest, TimeFilesConnectionStateAndFlags) {
-  CJSONRPCConnector connector("7", 0);
-  EXPECT_EQ(connector.ReadVKT7Timestamp(), 0);
-  long before = time(nullptr);
-  connector.WriteVKT7Timestamp();
-  std::string text = ReadFile(root.tmp("7/timestamp_VKT7"));
-  EXPECT_EQ(std::to_string(connector.ReadVKT7Timestamp()), text);
-  EXPECT_GE(connector.ReadVKT7Timestamp(), before);
-  EXPECT_LE(connector.ReadVKT7Timestamp(), time(nullptr));
-  EXPECT_EQ(connector.ReadVKT9Timestamp(), 0);
-  connector.WriteVKT9Timestamp();
-  EXPECT_GE(connector.ReadVKT9Timestamp(), before);
-
-  connector.SetConnectionState(true);
-  EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Connected")), "1\n");
-  EXPECT_EQ(Link(root.tmp("7/default")), root.tmp("7/1"));
-  EXPECT_GE(Times(root.tmp("7/1/tc_items/Connected")).second, before);
-  connector.GetItemsDir(1);
-  connector.SetConnectionState(false);
-  EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Connected")), "0\n");
-  EXPECT_EQ(ReadFile(root.tmp("7/2/tc_items/Connected")), "0\n");
-  CJSONRPCConnector second("8", 1);
-  second.SetConnectionState(true);
-  EXPECT_EQ(ReadFile(root.tmp("8/2/tc_items/Connected")), "1\n");
-
-  EXPECT_FALSE(connector.CheckForceUpdate());
-  mcdtest::WriteFile(root.tmp("qmd_force_update_7"), "");
-  mcdtest::WriteFile(root.tmp("qmd_force_update_8"), "");
-  EXPECT_TRUE(connector.CheckForceUpdate());
-  EXPECT_FALSE(connector.CheckForceUpdate());
-  EXPECT_TRUE(FileExists(root.tmp("qmd_force_update_8")));
-
-  CJSONRPCConnector::CreateExtPauseFile();
-  EXPECT_EQ(ReadFile(root.tmp("extds_pause")), "7200");
-  CJSONRPCConnector::RemoveExtPauseFile();
-  CJSONRPCConnector::RemoveExtPauseFile();
-  EXPECT_FALSE(FileExists(root.tmp("extds_pause")));
 }
 
 // A storage that is not there yet (mounted late) is used as soon as it is, without a
@@ -292,29 +202,6 @@ TEST_F(FilesTest, KillAtAnyInstantFilesNothingTwiceAndLosesNothing) {
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), a20);
   EXPECT_EQ(ReadFile(root.storage("7/2/tc_archives/A21")), a21);
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A1")), a1);
-}
-
-TEST_F(FilesTest, ReaderNeverSeesAPartialItem) {
-  CJSONRPCConnector connector("7", 0);
-  const std::string a(4000, 'a'), b(6000, 'b');
-  connector.WriteItems({Value(0, 0, a, 1)});
-  const std::string path = root.tmp("7/1/tc_items/Q1");
-  std::atomic<bool> done{false};
-  std::atomic<int> reads{0}, bad{0};
-  std::thread reader([&] {
-    while (!done.load()) {
-      std::string text = ReadFile(path);
-      if (text != a + "\n" && text != b + "\n") bad++;
-      reads++;
-    }
-  });
-  for (int i = 0; i < 400; ++i) connector.WriteItems({Value(0, 0, i % 2 ? a : b, i)});
-  mcdtest::WaitFor([&] { return reads.load() > 50; }, std::chrono::seconds(5));
-  done = true;
-  reader.join();
-  EXPECT_GT(reads.load(), 50);
-  EXPECT_EQ(bad.load(), 0);
-  EXPECT_EQ(ListDir(root.tmp("7/1/tc_items")), Names{"Q1"});
 }
 
 // The lines of a filing and its raised bound go together: when the bound cannot be

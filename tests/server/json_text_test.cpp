@@ -1,5 +1,5 @@
-// Reading replies: a reply the reader cannot follow must come back as "not JSON", so
-// that the caller retries, instead of escaping as an exception that ends the process.
+// A reply the reader cannot follow comes back as "not JSON", so that the caller
+// retries, instead of escaping as an exception that ends the process.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -16,27 +16,16 @@ std::string Nested(const std::string& open, const std::string& close, int depth)
   return text;
 }
 
-TEST(JsonText, NestingTooDeepToFollowIsNotJsonAndDoesNotThrow) {
+TEST(JsonText, NestingTooDeepIsNotJsonAndModerateNestingIsRead) {
   Json::Value value;
   bool parsed = true;
-  EXPECT_NO_THROW(parsed = mcd::ParseJson(Nested("[", "]", 5000), value));
-  EXPECT_FALSE(parsed);
-  EXPECT_NO_THROW(parsed = mcd::ParseJson(Nested("{\"a\":", "}", 2000), value));
-  EXPECT_FALSE(parsed);
-  // an unterminated run of brackets, as a broken server might send
-  EXPECT_NO_THROW(parsed = mcd::ParseJson(std::string(100000, '['), value));
-  EXPECT_FALSE(parsed);
-}
-
-TEST(JsonText, ModeratelyNestedReplyIsStillRead) {
-  Json::Value value;
+  for (const std::string& text : {Nested("[", "]", 5000), Nested("{\"a\":", "}", 2000), std::string(100000, '[')}) {
+    EXPECT_NO_THROW(parsed = mcd::ParseJson(text, value));
+    EXPECT_FALSE(parsed);
+  }
   ASSERT_TRUE(mcd::ParseJson("{\"result\": " + Nested("[", "]", 500) + "}", value));
   const Json::Value* inner = &value["result"];
-  for (int i = 0; i < 500; ++i) {
-    ASSERT_TRUE(inner->isArray()) << "depth " << i;
-    ASSERT_EQ(inner->size(), 1u);
-    inner = &(*inner)[0];
-  }
+  for (int i = 0; i < 500 && inner->isArray(); ++i) inner = &(*inner)[0];
   EXPECT_EQ(inner->asInt(), 1);
 }
 

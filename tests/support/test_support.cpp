@@ -170,6 +170,20 @@ size_t LogCapture::Count(const std::string& needle) const {
   return n;
 }
 
+::testing::AssertionResult ArchivesAsHeld(const std::string& heldOut, const std::string& storageRoot,
+                                          const std::vector<std::string>& meters, time_t meterTime) {
+  std::vector<std::string> argv = {"/usr/bin/python3", SourcePath("tools/archive_check.py"), "--held-out", heldOut,
+                                   "--storage", storageRoot, "--meter-time", std::to_string(meterTime)};
+  for (const std::string& m : meters) argv.insert(argv.end(), {"--meter", m});
+  ChildProcess check;
+  int status = -1;
+  if (!check.Start(argv) || !check.Wait(std::chrono::seconds(60), &status))
+    return ::testing::AssertionFailure() << "the checker did not run";
+  if (status == 0 && check.Stdout().find("lost 0 duplicated 0 wrong 0") != std::string::npos)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << check.Stdout() << check.Stderr();
+}
+
 FakeClock::FakeClock(time_t start) : m_mono(start) { mcd::SetClock(this); }
 
 FakeClock::~FakeClock() {

@@ -2,6 +2,7 @@
 // the configuration server, pseudo-terminals and polling waits.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <ctime>
@@ -89,6 +90,13 @@ std::vector<std::string> ListDir(const std::string& path);  // sorted names, no 
 
 // Polls pred every 20 ms until it holds or the time-out passes; returns the last result.
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
+
+// Runs tools/archive_check.py over the meters ("ID=ADDRESS", or "ID" for a held-out file
+// of one address) below storageRoot against a simulator's held-out file: every record
+// held up to the last complete hour (day) before meterTime is filed once, with its value
+// and quality, and nothing else.
+::testing::AssertionResult ArchivesAsHeld(const std::string& heldOut, const std::string& storageRoot,
+                                          const std::vector<std::string>& meters, time_t meterTime);
 
 // Start of the local hour of t, and local midnight of t's day.
 time_t LocalHourStart(time_t t);

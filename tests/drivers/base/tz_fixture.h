@@ -1,6 +1,5 @@
-// The tests of this folder run in a fixed time zone without daylight saving (UTC+3),
-// so local midnights and raw local times have known values. A test that needs another
-// zone holds a ZoneScope, which puts the fixed zone back when it ends.
+// The tests of this folder run in a fixed zone without daylight saving (UTC+3); a test
+// that needs another zone holds a ZoneScope, which puts the fixed zone back.
 #pragma once
 
 #include <cstdlib>
@@ -10,29 +9,15 @@
 namespace mcdtest {
 namespace {
 
-constexpr const char* kFixedZoneName = "MSK-3";
-
-struct FixedZone {
-  FixedZone() {
-    setenv("TZ", kFixedZoneName, 1);
+struct ZoneScope {
+  explicit ZoneScope(const std::string& zone) { Set(zone.c_str()); }
+  ~ZoneScope() { Set("MSK-3"); }
+  static void Set(const char* zone) {
+    setenv("TZ", zone, 1);
     tzset();
   }
 };
-const FixedZone kFixedZone;
-
-class ZoneScope {
- public:
-  explicit ZoneScope(const std::string& zone) {
-    setenv("TZ", zone.c_str(), 1);
-    tzset();
-  }
-  ~ZoneScope() {
-    setenv("TZ", kFixedZoneName, 1);
-    tzset();
-  }
-  ZoneScope(const ZoneScope&) = delete;
-  ZoneScope& operator=(const ZoneScope&) = delete;
-};
+const bool kFixedZone = (ZoneScope::Set("MSK-3"), true);
 
 }  // namespace
 }  // namespace mcdtest

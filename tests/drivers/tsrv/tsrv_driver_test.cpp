@@ -146,28 +146,28 @@ TEST_F(TsrvDriverTest, WalksAskEachLocalHourOnceAcrossClockChanges) {
 TEST(TsrvTotals, LayoutIsDecidedFromTheBytes) {
   struct Case {
     const char* bytes;
-    CmcdTSRV::TotalsLayout layout;
+    mcd::tsrv::TotalsLayout layout;
     const char* text;
   } cases[] = {
-      {"00 00 30 39 3F 00 00 00", CmcdTSRV::kTotalsIntFrac, "12345.5"},  // 12345 + 0.5
-      {"46 40 E6 00 00 00 00 00", CmcdTSRV::kTotalsFloat, "12345.5"},    // float 12345.5, zero tail
-      {"00 00 00 00 00 00 00 00", CmcdTSRV::kTotalsIntFrac, "0"},
-      {"00 00 30 39 3F 80 00 00", CmcdTSRV::kTotalsUnknown, ""},  // a fraction of 1.0
-      {"00 00 30 39 7F C0 00 00", CmcdTSRV::kTotalsUnknown, ""},  // NaN
+      {"00 00 30 39 3F 00 00 00", mcd::tsrv::kTotalsIntFrac, "12345.5"},  // 12345 + 0.5
+      {"46 40 E6 00 00 00 00 00", mcd::tsrv::kTotalsFloat, "12345.5"},    // float 12345.5, zero tail
+      {"00 00 00 00 00 00 00 00", mcd::tsrv::kTotalsIntFrac, "0"},
+      {"00 00 30 39 3F 80 00 00", mcd::tsrv::kTotalsUnknown, ""},  // a fraction of 1.0
+      {"00 00 30 39 7F C0 00 00", mcd::tsrv::kTotalsUnknown, ""},  // NaN
   };
   for (const auto& c : cases) {
     const auto bytes = Hex(c.bytes);
-    EXPECT_EQ(CmcdTSRV::DecideTotals(bytes.data()), c.layout) << c.bytes;
+    EXPECT_EQ(mcd::tsrv::DecideTotals(bytes.data()), c.layout) << c.bytes;
     std::string text, why;
-    if (c.layout != CmcdTSRV::kTotalsUnknown) {
-      EXPECT_TRUE(CmcdTSRV::TotalText(bytes.data(), c.layout, text, why)) << why;
+    if (c.layout != mcd::tsrv::kTotalsUnknown) {
+      EXPECT_TRUE(mcd::tsrv::TotalText(bytes.data(), c.layout, text, why)) << why;
       EXPECT_EQ(text, c.text);
     }
   }
   // Once decided, a total that does not fit the layout is refused, not guessed.
   std::string text, why;
-  EXPECT_FALSE(CmcdTSRV::TotalText(Hex("46 40 E6 00 00 00 00 01").data(), CmcdTSRV::kTotalsFloat, text, why));
-  EXPECT_FALSE(CmcdTSRV::TotalText(Hex("00 00 30 39 BF 00 00 00").data(), CmcdTSRV::kTotalsIntFrac, text, why));
+  EXPECT_FALSE(mcd::tsrv::TotalText(Hex("46 40 E6 00 00 00 00 01").data(), mcd::tsrv::kTotalsFloat, text, why));
+  EXPECT_FALSE(mcd::tsrv::TotalText(Hex("00 00 30 39 BF 00 00 00").data(), mcd::tsrv::kTotalsIntFrac, text, why));
 }
 
 }  // namespace
