@@ -1,23 +1,18 @@
-// The plain serial connector and its lamps on real pseudo-terminals.
+// The serial connectors on real pseudo-terminals.
 #include "transport/connector.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <thread>
 
 #include "support/test_support.h"
-#include "transport/led.h"
-#include "transport/modbus_connector.h"
 
 namespace {
 // A pseudo-terminal forces 8 data bits and no parity whatever it is told, so the
@@ -66,7 +61,6 @@ TEST_F(ConnectorTest, LineSettingsAreRawFromZeroWithSizeParityStopAndSpeed) {
       {{{"speed", "115200"}, {"data", "7"}, {"parity", "E"}}, CREAD | CLOCAL | CS7 | PARENB | B115200},
       {{{"speed", "14400"}, {"data", "5"}, {"parity", "O"}, {"stop", "2"}},
        CREAD | CLOCAL | CS5 | PARENB | PARODD | CSTOPB | B9600},
-      {{{"speed", "4000000"}, {"data", "9"}, {"parity", "e"}, {"stop", "1.5"}}, CREAD | CLOCAL | CS8 | B4000000},
   };
   for (const auto& c : cases) {
     g_calls = 0;
@@ -74,12 +68,12 @@ TEST_F(ConnectorTest, LineSettingsAreRawFromZeroWithSizeParityStopAndSpeed) {
     ASSERT_GT(connector->GetFd(), 0);
     std::lock_guard<std::mutex> lock(g_mutex);
     EXPECT_EQ(1, g_calls);
-    EXPECT_EQ(c.cflag, g_passed.c_cflag) << std::hex << (c.cflag ^ g_passed.c_cflag);
+    EXPECT_EQ(c.cflag, g_passed.c_cflag);
     EXPECT_EQ(0u, g_passed.c_iflag | g_passed.c_oflag | g_passed.c_lflag);
     EXPECT_EQ(15, g_passed.c_cc[VTIME]);
     EXPECT_EQ(0, g_passed.c_cc[VMIN]);
   }
-  EXPECT_EQ(4u, log.Count("The CConnector is created in as simple UART."));
+  EXPECT_EQ(3u, log.Count("The CConnector is created in as simple UART."));
 }
 
 TEST_F(ConnectorTest, DeviceAbsentOrVanishedIsOpenedAgainEveryTenSeconds) {
@@ -89,7 +83,6 @@ TEST_F(ConnectorTest, DeviceAbsentOrVanishedIsOpenedAgainEveryTenSeconds) {
   const unsigned char b[1] = {0x5A};
   unsigned char r[1];
   EXPECT_EQ(-1, c->WriteBuffer(b, 1, true));
-  EXPECT_EQ(-1, c->ReadBufferCycle(r, 1, true, 50));
   auto first = std::make_unique<mcdtest::PtyPair>();
   ASSERT_EQ(0, symlink(first->slaveName().c_str(), path.c_str()));
   clock.Advance(9);
@@ -114,31 +107,25 @@ TEST_F(ConnectorTest, DeviceAbsentOrVanishedIsOpenedAgainEveryTenSeconds) {
   EXPECT_EQ(2u, log.Count("CConnector::open_device - device " + path + " is open again."));
 }
 
-TEST_F(ConnectorTest, ASecondConnectorOnTheLineIsRefused) {
+// A second connector on the line is refused; a flush drops what is unread; a read
+// collects a frame arriving in pieces and waits its time-out (1.5 s when not given).
+TEST_F(ConnectorTest, OneConnectorALineFlushAndReadsInPieces) {
   auto c = Open({});
   auto second = Open({});
   EXPECT_TRUE(second->LineBusy());
   EXPECT_LT(second->GetFd(), 0);
   EXPECT_EQ("Device " + pty.slaveName() + " is in use by an unknown process; one process serves every meter of a line.",
             second->BusyMessage());
-}
-
-TEST_F(ConnectorTest, ReadsWaitTheirTimeAndCollectFramesArrivingInPieces) {
-  auto c = Open({});
   const unsigned char frame[] = {0x01, 0x03, 0xff};
   EXPECT_EQ(3, c->WriteBuffer(frame, sizeof frame, false));
   EXPECT_EQ(std::vector<unsigned char>(frame, frame + 3), pty.Read(3, milliseconds(1000)));
   pty.Write({1, 2, 3, 4});
-  ASSERT_TRUE(mcdtest::WaitFor(
-      [&] {
-        int pending = 0;
-        return ioctl(c->GetFd(), FIONREAD, &pending) == 0 && pending == 4;
-      },
-      milliseconds(1000)));
+  int pending = 0;
+  ASSERT_TRUE(mcdtest::WaitFor([&] { return ioctl(c->GetFd(), FIONREAD, &pending) == 0 && pending == 4; }, seconds(1)));
   EXPECT_EQ(0, c->flush());
   unsigned char in[8] = {0};
   auto start = steady_clock::now();
-  EXPECT_EQ(-1, c->ReadBufferCycle(in, 4, false, 200));  // flushed; the explicit time-out rules
+  EXPECT_EQ(-1, c->ReadBufferCycle(in, 4, false, 200));
   EXPECT_GE(SecondsSince(start), 0.19);
   EXPECT_LT(SecondsSince(start), 1.0);
   std::thread meter([&] {
@@ -154,64 +141,6 @@ TEST_F(ConnectorTest, ReadsWaitTheirTimeAndCollectFramesArrivingInPieces) {
   EXPECT_EQ(0x66, in[0]);
   EXPECT_GE(SecondsSince(start), 1.45);
   EXPECT_EQ(2u, log.Count("CConnector::ReadBufferCycle - Timeout receiving data."));
-}
-
-void CountSignal(int) {}
-
-TEST_F(ConnectorTest, ASignalDuringAReadRestartsTheFullWait) {
-  auto c = Open({});
-  struct sigaction sa {}, old{};
-  sa.sa_handler = CountSignal;  // no SA_RESTART: select sees EINTR
-  sigaction(SIGUSR1, &sa, &old);
-  const pthread_t self = pthread_self();
-  // The byte comes 2.0 s after the start: later than the first 1.5 s wait, but within
-  // a fresh one begun at the signal (1.0 s).
-  std::thread interrupter([&] {
-    std::this_thread::sleep_for(milliseconds(1000));
-    pthread_kill(self, SIGUSR1);
-    std::this_thread::sleep_for(milliseconds(1000));
-    pty.Write({0x42});
-  });
-  unsigned char in[4] = {0};
-  EXPECT_EQ(1, c->ReadBuffer(in, sizeof in, false));
-  interrupter.join();
-  sigaction(SIGUSR1, &old, nullptr);
-  EXPECT_EQ(0x42, in[0]);
-  EXPECT_EQ(0u, log.Count("Timeout"));
-}
-
-TEST_F(ConnectorTest, WritesFlashLampAReadsLampBAndDeletingSwitchesThemOff) {
-  auto c = Open({});
-  const unsigned char b[1] = {0x55};
-  ASSERT_EQ(1, c->WriteBuffer(b, 1, true));
-  EXPECT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(root.leds("kr_red")) == "010"; }, seconds(2)));
-  EXPECT_EQ("0", mcdtest::ReadFile(root.leds("lan")));
-  pty.Write({0x66});
-  unsigned char in[1];
-  ASSERT_EQ(1, c->ReadBuffer(in, 1, true));
-  EXPECT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(root.leds("lan")) == "01"; }, seconds(2)));
-  c.reset();  // in the middle of the flash
-  EXPECT_EQ("010", mcdtest::ReadFile(root.leds("lan")));
-  EXPECT_EQ('0', mcdtest::ReadFile(root.leds("kr_red")).back());
-}
-
-TEST(Led, RequestsCoalesceAndSwitchingOffCancelsOnlyAPendingOne) {
-  mcdtest::TempRoot root;
-  const std::string path = root.leds("kr_red");
-  CLed led(path, 200000);
-  led.SwichLED(true);
-  led.SwichLED(false);  // pending: written off at once, no flash later
-  EXPECT_EQ("00", mcdtest::ReadFile(path));
-  led.SwichLED(true);
-  led.SwichLED(true);  // before the thread runs: one flash for both
-  led.start(&led, "lamp");
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(path) == "001"; }, seconds(2)));
-  led.SwichLED(false);  // taken when the flash began: nothing happens
-  led.SwichLED(true);
-  led.SwichLED(true);  // during the flash: one more after it
-  EXPECT_TRUE(mcdtest::WaitFor([&] { return mcdtest::ReadFile(path) == "001010"; }, seconds(2)));
-  std::this_thread::sleep_for(milliseconds(60));
-  EXPECT_EQ("001010", mcdtest::ReadFile(path));
 }
 
 }  // namespace
