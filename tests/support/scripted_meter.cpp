@@ -70,6 +70,9 @@ int ScriptedMeter::WriteBuffer(const unsigned char* buf, unsigned short len, boo
   if (m_next < m_script.size()) {
     const Answer& answer = m_script[m_next++];
     m_pending.insert(m_pending.end(), answer.begin(), answer.end());
+  } else if (m_responder) {
+    Bytes answer = m_responder(m_writes.back());
+    if (!answer.empty()) m_pending.push_back(Chunk{std::move(answer)});
   }
   return m_shortWrites && len > 0 ? len - 1 : len;
 }

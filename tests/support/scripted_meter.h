@@ -7,10 +7,12 @@
 // link. A read with nothing left is the connector's time-out: -1 at once. A chunk may
 // carry a delay: the read that reaches it sleeps that long first, as a read on a slow
 // line would. flush() drops whatever is still unread. Writes beyond the script are
-// recorded and answered with silence.
+// recorded and answered by the responder when one is set (a meter that answers from
+// its records), else with silence.
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -42,6 +44,8 @@ class ScriptedMeter : public CConnector {
 
   // Appends an answer to the script.
   void Then(Answer answer) { m_script.push_back(std::move(answer)); }
+  // Answers every write beyond the script with responder(request), in one chunk (empty: silence).
+  void Respond(std::function<Bytes(const Bytes&)> responder) { m_responder = std::move(responder); }
   // A write of only part of every frame from now on.
   void ShortWrites() { m_shortWrites = true; }
 
@@ -64,6 +68,7 @@ class ScriptedMeter : public CConnector {
   std::vector<Answer> m_script;
   size_t m_next = 0;
   Answer m_pending;  // chunks not yet read, front first
+  std::function<Bytes(const Bytes&)> m_responder;
   bool m_shortWrites = false;
   std::vector<Bytes> m_writes;
   std::vector<SteadyTime> m_writeTimes, m_readStarts, m_readEnds;

@@ -7,7 +7,6 @@
 
 #include "support/scripted_meter.h"
 #include "support/test_support.h"
-#include "transport/connector.h"
 
 using mcdtest::Bytes;
 using mcdtest::ParseHex;
@@ -20,14 +19,13 @@ int Key(const Label& l) { return ((l.year * 100 + l.month) * 100 + l.day) * 100 
 unsigned char Bcd(int v) { return static_cast<unsigned char>(((v / 10) << 4) | (v % 10)); }
 // A meter that answers every request at once from its clock and the hourly (0) and
 // daily (1) records it holds, oldest first.
-struct Meter : CConnector {
+struct Meter {
   time_t clock = 0;
   Bytes clockBytes;  // the 'T' answer's bytes 5..10 instead of `clock`
   std::vector<Label> records[2];
   unsigned overclaim = 0;                 // "record rest" claims this many more than held
   std::map<int, std::vector<int>> codes;  // label key -> error codes of the next finds
   std::vector<Bytes> finds;
-  Bytes pending;
 
   static Label Asked(const Bytes& r) {
     auto n = [](unsigned char v) { return (v >> 4) * 10 + (v & 15); };
@@ -41,7 +39,7 @@ struct Meter : CConnector {
   static void PutDate(Bytes& b, size_t at, const Label& l) {
     b[at] = Bcd(l.year - 2000), b[at + 1] = Bcd(l.month), b[at + 2] = Bcd(l.day), b[at + 3] = Bcd(l.hour);
   }
-  // The answer without its sum. Pages ('A' 4) carry only their date.
+  // The answer, closed by its sum. Pages ('A' 4) carry only their date.
   Bytes Answer(const Bytes& r) {
     Bytes b(r[2] == 'A' && r[3] != 3 ? 260 : 13, 0);
     b[1] = r[1], b[2] = static_cast<unsigned char>(r[2] | 0x80), b[3] = r[3], b[4] = r[4];
@@ -63,39 +61,29 @@ struct Meter : CConnector {
       PutDate(b, 4, want);
       if (i < 0) b[2] = 3;
     }
-    return b;
-  }
-  int WriteBuffer(const unsigned char* buf, unsigned short len, bool) override {
-    pending = Answer(Bytes(buf, buf + len));
     unsigned sum = 0;
-    for (unsigned char c : pending) sum += c;
-    return pending.push_back(static_cast<unsigned char>(sum)), len;
+    for (unsigned char c : b) sum += c;
+    return b.push_back(static_cast<unsigned char>(sum)), b;
   }
-  int ReadBuffer(unsigned char* buf, unsigned short len, bool) override {
-    const size_t n = std::min<size_t>(len, pending.size());
-    std::copy(pending.begin(), pending.begin() + n, buf);
-    pending.erase(pending.begin(), pending.begin() + n);
-    return n ? static_cast<int>(n) : -1;
-  }
-  int flush() override { return pending.clear(), 0; }
-  bool open_device() override { return true; }
-  void close_device() override {}
 };
 
 struct Rig {
   mcdtest::TempRoot root;
   mcdtest::LogCapture log;
   Meter meter;
+  mcdtest::ScriptedMeter line;
   mcdtest::FakeClock clock;
   Cmcd_MTR06 driver;
   Timestamps ts;
   // A meter whose clock reads now and that holds the hourly records dated oldest..now
   // (its daily archive is empty).
   Rig(time_t now, time_t oldest) : clock(now) {
+    clock.pauseMicros = 0;
     meter.clock = now;
+    line.Respond([this](const Bytes& request) { return meter.Answer(request); });
     for (time_t t = oldest; t <= now; t = mcd::cal::NextHour(t)) meter.records[0].push_back(mcd::cal::LocalLabel(t));
     driver.SetConfiguration({{"serial", "44"}});
-    driver.SaveConnector(&meter);
+    driver.SaveConnector(&line);
     driver.SetTurn();
   }
   std::vector<int32_t> Walk(int type, time_t from, time_t to, int expect) {

@@ -46,6 +46,7 @@ TEST(EskoDaemonEndToEnd, TwoMetersOnOneLine) {
       EXPECT_EQ(mcdtest::ReadFile(dir + "Q1"), q1) << dir;
       EXPECT_EQ(mcdtest::ReadFile(dir + "IE1"), ie1) << dir;
       EXPECT_EQ(mcdtest::ReadFile(dir + "MeterModel"), a == 2 ? "ТМ-3Э\n" : "МТР-06\n") << dir;
+      EXPECT_EQ(mcdtest::ReadFile(dir + "DN1"), s == 0 ? "50\n" : s == 1 ? "80\n" : "100\n") << dir;  // high byte first
     }
     EXPECT_EQ(mcdtest::ReadFile(root.tmp(std::to_string(100 + a) + "/2/tc_items/TSType")), "Открытый (Режим 2)\n");
   }
