@@ -1,12 +1,10 @@
 // Runs the real mcd_main binary: command-line errors, the configuration exchange with a
-// local server, signals and daemon mode.
-#include <dirent.h>
+// local server and signals.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -113,76 +111,6 @@ TEST_F(DaemonRun, SighupRebuildsTheDriversAndSigintEndsTheirLongWait) {
   EXPECT_EQ(0, Stop(SIGINT));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, seconds(4));
   EXPECT_EQ(1u, Count(daemon.Stderr(), "main - shutdown done."));
-}
-
-TEST_F(DaemonRun, ASecondProcessOnTheSameLineExitsNamingTheHolder) {
-  mcdtest::PtyPair line;
-  ASSERT_TRUE(server.Start(R"({"meters": {"7": {"manufacturer": "none", )" + Line(line) + "}}}"));
-  ASSERT_TRUE(daemon.Start({mcdtest::MainBinary(), "-e", "-i", "7"}, Env()));
-  ASSERT_TRUE(Logged(kSetupDone)) << daemon.Stderr();
-  mcdtest::ChildProcess second;
-  EXPECT_EQ(1, Run({"-e", "-i", "7"}, second));
-  EXPECT_NE(std::string::npos, second.Stderr().find("\nmain - Device " + line.slaveName() + " is in use by pid " +
-                                                    std::to_string(daemon.pid()) +
-                                                    " (mcd_main); one process serves every meter of a line.\n"))
-      << second.Stderr();
-  EXPECT_EQ(0, Stop(SIGQUIT));
-}
-
-TEST_F(DaemonRun, SigsegvLogsABacktraceToTheFileAndAborts) {
-  ASSERT_TRUE(server.Start(R"({"meters": {"7": {"manufacturer": "none"}}})"));
-  const std::string log = root.tmp("mcd.log");
-  ASSERT_TRUE(daemon.Start({mcdtest::MainBinary(), "-l", log, "-i", "7"}, Env()));
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return Count(mcdtest::ReadFile(log), kSetupDone) == 1; }, seconds(30)));
-  EXPECT_EQ(128 + SIGABRT, Stop(SIGSEGV));
-  const std::string text = mcdtest::ReadFile(log);
-  EXPECT_NE(std::string::npos, text.find("Crit: " + kRed + "System signal number 11 (Segmentation fault)")) << text;
-  EXPECT_NE(std::string::npos, text.find(kRed + "Application done due to SIGSEGV." + kReset + "\n"));
-  const size_t bt = text.find(kRed + "backtrace:" + kReset + "\n");
-  ASSERT_NE(std::string::npos, bt) << text;
-  EXPECT_NE(std::string::npos, text.find("mcd_main", bt));  // a frame names the binary
-  EXPECT_EQ(2u, Count(text, kSeparator));
-}
-
-// The process whose command line is exactly argv.
-pid_t FindProcess(const std::vector<std::string>& argv) {
-  std::string wanted;
-  for (const auto& a : argv) wanted += a + std::string(1, '\0');
-  DIR* proc = opendir("/proc");
-  pid_t found = -1;
-  while (dirent* e = readdir(proc))
-    if (atoi(e->d_name) > 0 && mcdtest::ReadFile("/proc/" + std::string(e->d_name) + "/cmdline") == wanted)
-      found = atoi(e->d_name);
-  closedir(proc);
-  return found;
-}
-
-TEST_F(DaemonRun, DaemonModeDetachesIntoANewSessionOnDevNull) {
-  ASSERT_TRUE(server.Start(R"({"meters": {"7": {"manufacturer": "none"}}})"));
-  const std::string log = root.tmp("daemon.log");
-  const std::vector<std::string> argv = {mcdtest::MainBinary(), "-d", "-l", log, "-i", "7"};
-  ASSERT_TRUE(daemon.Start(argv, Env()));
-  int status = -1;
-  ASSERT_TRUE(daemon.Wait(seconds(30), &status));
-  EXPECT_EQ(0, status);  // the parent leaves at once
-  pid_t pid = -1;
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return (pid = FindProcess(argv)) > 0; }, seconds(10)));
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return Count(mcdtest::ReadFile(log), kSetupDone) == 1; }, seconds(30)));
-  const std::string stat = mcdtest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  long ppid = 0, pgrp = 0, session = 0;
-  char state = 0;
-  ASSERT_EQ(4, sscanf(stat.c_str() + stat.rfind(')') + 1, " %c %ld %ld %ld", &state, &ppid, &pgrp, &session));
-  EXPECT_EQ(pid, session);  // it leads a session of its own
-  for (int fd = 0; fd <= 2; ++fd) {
-    char target[256] = {0};
-    const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
-    ASSERT_GT(readlink(link.c_str(), target, sizeof target - 1), 0);
-    EXPECT_STREQ("/dev/null", target) << fd;
-  }
-  EXPECT_EQ("", daemon.Stdout() + daemon.Stderr());
-  ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_TRUE(mcdtest::WaitFor([&] { return Count(mcdtest::ReadFile(log), "main - shutdown done.") == 1; },
-                               seconds(30)));
 }
 
 }  // namespace
