@@ -12,7 +12,6 @@
 
 namespace {
 
-using mcdtest::ReadFile;
 
 // A driver that is never started: the test plays its thread.
 struct FakeDriver : CMcdEmptyDriver {
@@ -82,7 +81,7 @@ TEST_F(SupervisionTest, StopOrReloadEndsThePassAtOnce) {
     EXPECT_EQ(reload ? mcd::SupervisionEnd::kReload : mcd::SupervisionEnd::kStop, mcd::RunSupervision(list));
     EXPECT_EQ(std::vector<int>{0}, holderPerSleep);
     EXPECT_FALSE(drivers[1]->GetTurn());
-    EXPECT_EQ("keep", ReadFile(pauseFile));
+    EXPECT_EQ("keep", mcdtest::ReadFile(pauseFile));
     mcd::ClearStopRequest();
     mcd::ClearReloadRequest();
   }
@@ -107,7 +106,7 @@ TEST_F(SupervisionTest, ExtPauseFileFollowsTheArchivesOfThePass) {
     unlink(pauseFile.c_str());
     if (c.before) mcdtest::WriteFile(pauseFile, c.before);
     EXPECT_EQ(c.after == nullptr, mcd::SupervisionPass(Play(list)));
-    EXPECT_EQ(c.after ? c.after : "", ReadFile(pauseFile));
+    EXPECT_EQ(c.after ? c.after : "", mcdtest::ReadFile(pauseFile));
     EXPECT_EQ(c.after != nullptr, mcdtest::FileExists(pauseFile));
   }
 }

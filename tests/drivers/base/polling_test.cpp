@@ -147,6 +147,7 @@ TEST_F(PollingTest, CycleOrderLogTextsAndWhatIsFiled) {
 
   auto& d = Make({{"period_current", "601"}});
   d.fillArchives = true;
+  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd);  // only yesterday is due
   Start("tem-104");
   ASSERT_TRUE(NextCycle(false));
   const std::string text = log.Text();
