@@ -2,7 +2,6 @@
 // local server and signals.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <string>

@@ -22,8 +22,10 @@ struct Window {
   const char* zone;
   time_t begin, end;  // UTC, each holding one change of the zone's offset
 };
-// Berlin's spring change (one hour left out) and autumn change (one repeated).
-const Window kWindows[] = {{"Europe/Berlin", 1774569600, 1774915200}, {"Europe/Berlin", 1792713600, 1793059200}};
+// Berlin's spring change (an hour left out) and autumn change (one repeated), and a
+// change in a half-hour zone.
+const Window kWindows[] = {{"Europe/Berlin", 1774569600, 1774915200}, {"Europe/Berlin", 1792713600, 1793059200},
+                           {"Asia/Kolkata", -891734400, -891388800}};
 
 class CalendarWalk : public ::testing::TestWithParam<Window> {};
 

@@ -172,7 +172,6 @@ TEST_F(PollingTest, CycleOrderLogTextsAndWhatIsFiled) {
   EXPECT_EQ(client.ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
   EXPECT_EQ(Item("T1"), "55.5\n");
   EXPECT_EQ(Item("Connected"), "1\n");
-  EXPECT_EQ(Item("SerialNumber"), "SN-1001\n");
   EXPECT_TRUE(d.ArchivesCurrent());
   clock.Set(kMeterTime + 4000);  // nothing new to ask for
   ASSERT_TRUE(NextCycle());
