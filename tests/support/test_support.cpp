@@ -1,7 +1,6 @@
 #include "support/test_support.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -18,6 +17,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -35,18 +35,10 @@ std::string SourcePath(const std::string& relative) { return std::string(MCD_SOU
 std::string MainBinary() { return MCD_MAIN_BINARY; }
 
 namespace {
-
-void RemoveTree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    for (const auto& name : ListDir(path)) RemoveTree(path + "/" + name);
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
+bool Keep() {
+  const char* keep = getenv("MCD_KEEP_TEST_ROOT");
+  return keep && *keep;
 }
-
 }  // namespace
 
 TempRoot::TempRoot() {
@@ -64,8 +56,8 @@ TempRoot::TempRoot() {
 }
 
 TempRoot::~TempRoot() {
-  const char* keep = getenv("MCD_KEEP_TEST_ROOT");
-  if (!(keep && *keep)) RemoveTree(m_root);
+  std::error_code ignored;
+  if (!Keep()) std::filesystem::remove_all(m_root, ignored);
 }
 
 std::map<std::string, std::string> TempRoot::env() const {
@@ -100,42 +92,28 @@ std::vector<std::string> ReadLines(const std::string& path) {
 
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  if (DIR* dir = opendir(path.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-  }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(path, error)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
 
-time_t LocalHourStart(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
-time_t LocalMidnight(time_t t) {
-  struct tm tmv;
-  localtime_r(&t, &tmv);
-  tmv.tm_hour = 0;
-  tmv.tm_min = 0;
-  tmv.tm_sec = 0;
-  tmv.tm_isdst = -1;
-  return mktime(&tmv);
-}
-
 namespace {
+time_t LocalStart(time_t t, bool day) {
+  struct tm tmv;
+  localtime_r(&t, &tmv);
+  if (day) tmv.tm_hour = 0;
+  tmv.tm_min = tmv.tm_sec = 0;
+  tmv.tm_isdst = -1;
+  return mktime(&tmv);
+}
 void RemoveCaptureFile() {
-  const char* keep = getenv("MCD_KEEP_TEST_ROOT");
-  if (!(keep && *keep)) unlink(LogCapture::Path().c_str());
+  if (!Keep()) unlink(LogCapture::Path().c_str());
 }
 }  // namespace
+
+time_t LocalHourStart(time_t t) { return LocalStart(t, false); }
+time_t LocalMidnight(time_t t) { return LocalStart(t, true); }
 
 const std::string& LogCapture::Path() {
   static const std::string path = [] {
@@ -248,29 +226,22 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::map<st
   m_out = outName;
   m_err = errName;
 
-  std::map<std::string, std::string> envMap;
-  for (char** e = environ; *e; ++e) {
-    std::string entry = *e;
-    auto eq = entry.find('=');
-    if (eq != std::string::npos) envMap[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& kv : extraEnv) envMap[kv.first] = kv.second;
   std::vector<std::string> envStrings;
-  for (const auto& kv : envMap) envStrings.push_back(kv.first + "=" + kv.second);
+  for (char** e = environ; *e; ++e)
+    if (!extraEnv.count(std::string(*e).substr(0, std::string(*e).find('=')))) envStrings.push_back(*e);
+  for (const auto& kv : extraEnv) envStrings.push_back(kv.first + "=" + kv.second);
   std::vector<char*> envp, args;
   for (auto& s : envStrings) envp.push_back(const_cast<char*>(s.c_str()));
   envp.push_back(nullptr);
-  std::vector<std::string> argCopy = argv;
-  // A cross-built suite runs under an emulator (qemu-arm -L <sysroot>): the daemon it
-  // starts is built for the same target and needs the emulator too. MCD_TEST_EMULATOR
-  // holds the emulator's command line, words separated by spaces.
+  // A cross-built suite runs under an emulator (MCD_TEST_EMULATOR="qemu-arm -L <sysroot>"),
+  // and so does the daemon it starts.
+  std::vector<std::string> argCopy;
   const char* emulator = getenv("MCD_TEST_EMULATOR");
-  if (emulator && *emulator && !argCopy.empty() && argCopy[0] == MainBinary()) {
+  if (emulator && !argv.empty() && argv[0] == MainBinary()) {
     std::istringstream words(emulator);
-    std::vector<std::string> prefix;
-    for (std::string w; words >> w;) prefix.push_back(w);
-    argCopy.insert(argCopy.begin(), prefix.begin(), prefix.end());
+    for (std::string w; words >> w;) argCopy.push_back(w);
   }
+  argCopy.insert(argCopy.end(), argv.begin(), argv.end());
   for (auto& s : argCopy) args.push_back(const_cast<char*>(s.c_str()));
   args.push_back(nullptr);
 
@@ -300,31 +271,17 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::map<st
 bool ChildProcess::Signal(int sig) { return m_pid > 0 && kill(m_pid, sig) == 0; }
 
 bool ChildProcess::Wait(std::chrono::milliseconds timeout, int* status) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (m_pid > 0) {
-    int raw = 0;
-    pid_t r = waitpid(m_pid, &raw, WNOHANG);
-    if (r == m_pid) {
-      int code = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-      if (status) *status = code;
-      m_pid = -1;
-      return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return false;
+  if (m_pid <= 0 || !WaitFor([&] { return !Running(); }, timeout)) return false;
+  if (status) *status = m_status;
+  return true;
 }
 
 bool ChildProcess::Running() {
-  if (m_pid <= 0) return false;
   int raw = 0;
-  pid_t r = waitpid(m_pid, &raw, WNOHANG);
-  if (r == m_pid) {
-    m_pid = -1;
-    return false;
-  }
-  return true;
+  if (m_pid <= 0 || waitpid(m_pid, &raw, WNOHANG) != m_pid) return m_pid > 0;
+  m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+  m_pid = -1;
+  return false;
 }
 
 std::string ChildProcess::Stdout() const { return ReadFile(m_out); }
@@ -360,7 +317,6 @@ int FreeLoopbackPort() {
   g_reserved[port] = s;
   return port;
 }
-
 
 ConfigServer::~ConfigServer() { Stop(); }
 

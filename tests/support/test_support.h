@@ -19,11 +19,10 @@
 
 namespace mcdtest {
 
-// The simulated clock of every test: installs itself as the process clock while it
-// lives. Sleep() moves the time on at once (it is a cancellation point and pauses
-// pauseMicros really, so that a thread waiting for its turn does not spin), records the
-// duration and runs onSleep on the sleeping thread. The calendar clock is the monotonic
-// one plus an offset that Step() moves, as when an operator steps the controller's clock.
+// The simulated clock of every test, the process clock while it lives. Sleep() moves
+// the time on at once, records the duration, runs onSleep on the sleeping thread and
+// pauses pauseMicros really (a cancellation point, so a waiting thread does not spin).
+// The calendar clock is the monotonic one plus an offset that Step() moves.
 class FakeClock : public mcd::Clock {
  public:
   explicit FakeClock(time_t start = 1700000000);
@@ -54,15 +53,12 @@ class FakeClock : public mcd::Clock {
   std::vector<unsigned> m_slept;
 };
 
-// Path of a file in the source tree (e.g. "tools/config_server.py").
-std::string SourcePath(const std::string& relative);
-// Path of the built daemon binary.
+std::string SourcePath(const std::string& relative);  // e.g. "tools/config_server.py"
 std::string MainBinary();
 
-// A fresh directory tree for one test: <root>/tmp/, <root>/storage/, <root>/leds/
-// with the two lamp files. Sets MCD_TMP_DIR, MCD_STORAGE_DIR and MCD_LEDS_DIR for this
-// process (and so for children started afterwards) and re-reads them. Removed on
-// destruction unless the test failed and MCD_KEEP_TEST_ROOT is set.
+// A fresh tree <root>/tmp/, <root>/storage/, <root>/leds/ (with the two lamp files),
+// set as MCD_TMP_DIR, MCD_STORAGE_DIR and MCD_LEDS_DIR for this process and its later
+// children. Removed on destruction unless MCD_KEEP_TEST_ROOT is set.
 class TempRoot {
  public:
   TempRoot();
@@ -74,14 +70,12 @@ class TempRoot {
   std::string tmp(const std::string& rel = "") const { return m_root + "/tmp/" + rel; }
   std::string storage(const std::string& rel = "") const { return m_root + "/storage/" + rel; }
   std::string leds(const std::string& rel = "") const { return m_root + "/leds/" + rel; }
-  // Environment entries for a child process that should use this root.
   std::map<std::string, std::string> env() const;
 
  private:
   std::string m_root;
 };
 
-// File helpers.
 bool FileExists(const std::string& path);
 std::string ReadFile(const std::string& path);  // empty when missing
 void WriteFile(const std::string& path, const std::string& text);
@@ -98,19 +92,16 @@ bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeou
 ::testing::AssertionResult ArchivesAsHeld(const std::string& heldOut, const std::string& storageRoot,
                                           const std::vector<std::string>& meters, time_t meterTime);
 
-// Start of the local hour of t, and local midnight of t's day.
 time_t LocalHourStart(time_t t);
 time_t LocalMidnight(time_t t);
 
-// The process logger writes into one file per test program (created on first use,
-// removed at exit unless MCD_KEEP_TEST_ROOT is set). A capture sets the level and sees
-// the lines written since it was made.
+// The process logger writes into one file per test program (removed at exit unless
+// MCD_KEEP_TEST_ROOT is set); a capture sets the level and sees the lines since it was made.
 class LogCapture {
  public:
   explicit LogCapture(int level = 7 /* TL_DEBUG */);
   std::string Text() const;
-  // How often needle occurs in Text().
-  size_t Count(const std::string& needle) const;
+  size_t Count(const std::string& needle) const;  // occurrences in Text()
   static const std::string& Path();
 
  private:
@@ -125,41 +116,34 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // argv[0] is the program path. extraEnv is added to (and overrides) this process's
-  // environment. Returns false when the spawn failed.
+  // extraEnv is added to (and overrides) this process's environment.
   bool Start(const std::vector<std::string>& argv, const std::map<std::string, std::string>& extraEnv = {});
   pid_t pid() const { return m_pid; }
   bool Signal(int sig);
-  // Waits for exit; returns true and fills status (exit code, or 128 + signal) when it
-  // ended in time.
+  // True when it ended in time; status: exit code, or 128 + signal.
   bool Wait(std::chrono::milliseconds timeout, int* status);
   bool Running();
   std::string Stdout() const;
   std::string Stderr() const;
-  const std::string& StdoutPath() const { return m_out; }
-  const std::string& StderrPath() const { return m_err; }
 
  private:
   pid_t m_pid = -1;
+  int m_status = -1;
   std::string m_out, m_err;
 };
 
-// A free TCP port on 127.0.0.1, kept bound (nobody listens) until a ConfigServer starts on it.
+// A free TCP port on 127.0.0.1, kept bound (nobody listens) until a ConfigServer takes it.
 int FreeLoopbackPort();
 
-// The configuration server of tools/config_server.py on a loopback port.
-// config: JSON text {"meters": {"<id>": {<get_config result>}}, "get_config2": [...]}.
-// Options: "--garbage N" answers the first N requests with non-JSON text.
+// tools/config_server.py on a loopback port, config: {"meters": {"<id>": {<get_config
+// result>}}, "get_config2": [...]}; option "--garbage N" answers N requests with non-JSON.
 class ConfigServer {
  public:
   ConfigServer() = default;
   ~ConfigServer();
-  // Starts the server on port (0 = a free one) and waits until it listens there.
   bool Start(const std::string& configJson, int port = 0, const std::vector<std::string>& options = {});
   void Stop();
-  int port() const { return m_port; }
   std::string url() const;
-  // The request bodies received so far, one per line, as sent.
   std::vector<std::string> Requests() const;
 
  private:
@@ -168,18 +152,15 @@ class ConfigServer {
   std::string m_dir;
 };
 
-// A pseudo-terminal pair in raw mode; the test plays the meter on the master side
-// while the code under test opens slaveName().
+// A raw pseudo-terminal pair: the test plays the meter on the master side.
 class PtyPair {
  public:
   PtyPair();
   ~PtyPair();
   int master() const { return m_master; }
-  int slave() const { return m_slave; }
   const std::string& slaveName() const { return m_name; }
-  // Writes all bytes to the master side.
   void Write(const std::vector<unsigned char>& bytes);
-  // Reads up to n bytes from the master side, waiting at most timeout in total.
+  // Up to n bytes, waiting at most timeout in total.
   std::vector<unsigned char> Read(size_t n, std::chrono::milliseconds timeout);
 
  private:

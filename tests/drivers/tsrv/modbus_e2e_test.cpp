@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -53,26 +52,24 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
       {"301", "tsrv-024m", "tools/tsrv_sim.py", {"--systems", "2", "--hours", "30", "--days", "3", "--missing-hours", "3"}},
       {"302", "magika-axxx", "tools/magika_sim.py", {"--hours", "30", "--days", "3", "--missing-hours", "5"}},
   };
+  auto file = [&](int i, const char* ext) { return root.tmp(std::string(lines[i].id) + ext); };
   mcdtest::ChildProcess sims[2], daemons[2];
   std::string meters;
   for (int i = 0; i < 2; ++i) {
-    const Line& l = lines[i];
-    const std::string tty = root.tmp(std::string(l.id) + ".tty");
-    std::vector<std::string> argv = {"python3", mcdtest::SourcePath(l.script), "--link", tty, "--control",
-                                     root.tmp(std::string(l.id) + ".control"), "--held-out",
-                                     root.tmp(std::string(l.id) + ".held"), "--stats",
-                                     root.tmp(std::string(l.id) + ".stats")};
-    argv.insert(argv.end(), l.options.begin(), l.options.end());
+    std::vector<std::string> argv = {"python3", mcdtest::SourcePath(lines[i].script), "--link", file(i, ".tty"),
+                                     "--control", file(i, ".control"), "--held-out", file(i, ".held"), "--stats",
+                                     file(i, ".stats")};
+    argv.insert(argv.end(), lines[i].options.begin(), lines[i].options.end());
     ASSERT_TRUE(sims[i].Start(argv));
-    ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::FileExists(tty) && mcdtest::FileExists(root.tmp(std::string(l.id) + ".held")); }, 20s));
-    meters += std::string(i ? "," : "") + "\"" + l.id + "\": {\"manufacturer\": \"" + l.manufacturer +
+    ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::FileExists(file(i, ".tty")) && mcdtest::FileExists(file(i, ".held")); }, 20s));
+    meters += std::string(i ? "," : "") + "\"" + lines[i].id + "\": {\"manufacturer\": \"" + lines[i].manufacturer +
               "\", \"serial\": \"1\", \"heat_systems\": \"2\", \"period_current\": \"601\", \"port_params\": "
-              "{\"name\": \"" + tty + "\", \"speed\": \"19200\", \"protocol\": \"modbus\"}, "
+              "{\"name\": \"" + file(i, ".tty") + "\", \"speed\": \"19200\", \"protocol\": \"modbus\"}, "
               "\"systems\": {\"system_1\": \"1\", \"system_2\": \"1\"}}";
   }
   // A model this version does not read, on the TSRV line.
   meters += ", \"303\": {\"manufacturer\": \"tem-104\", \"period_current\": \"601\", \"port_params\": {\"name\": \"" +
-            root.tmp("301.tty") + "\", \"protocol\": \"modbus\"}}";
+            file(0, ".tty") + "\", \"protocol\": \"modbus\"}}";
   mcdtest::ConfigServer server;
   ASSERT_TRUE(server.Start("{\"meters\": {" + meters + "}}"));
   auto env = root.env();
@@ -85,7 +82,7 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
   // to the archive's end, so there the second read of the line is spoilt.
   std::string once[2];
   for (int i = 0; i < 2; ++i) {
-    const Json::Value held = ReadJson(root.tmp(std::string(lines[i].id) + ".held"));
+    const Json::Value held = ReadJson(file(i, ".held"));
     const Json::Value& meter = held[held.getMemberNames().at(0)];
     const auto hours = meter["hourly"].getMemberNames(), days = meter["daily"].getMemberNames();
     ASSERT_GE(hours.size(), 20u);
@@ -96,51 +93,40 @@ TEST(ModbusMeters, EveryHeldRecordIsFiledOnceThroughFaults) {
   }
   auto control = [&](const std::string& fault) {
     for (int i = 0; i < 2; ++i) {
-      const std::string path = root.tmp(std::string(lines[i].id) + ".control");
-      mcdtest::WriteFile(path + ".new", "{" + fault + (fault.empty() ? "" : ", ") + once[i] + "}");
-      rename((path + ".new").c_str(), path.c_str());
+      mcdtest::WriteFile(file(i, ".control.new"), "{" + fault + (fault.empty() ? "" : ", ") + once[i] + "}");
+      rename(file(i, ".control.new").c_str(), file(i, ".control").c_str());
     }
   };
   control("");
   ASSERT_TRUE(daemons[0].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "301", "-i", "303"}, env));
   ASSERT_TRUE(daemons[1].Start({mcdtest::MainBinary(), "-e", "-v", "6", "-i", "302"}, env));
-  // And whole-line faults once both meters are identified: silence, exceptions, wrong CRCs.
+  // And whole-line faults once both meters are identified, each for two requests on
+  // each line: silence, exceptions, wrong CRCs.
   ASSERT_TRUE(mcdtest::WaitFor([&] {
     return mcdtest::FileExists(root.tmp("301/1/tc_items/SerialNumber")) &&
            mcdtest::FileExists(root.tmp("302/1/tc_items/SerialNumber"));
   }, 60s)) << daemons[0].Stderr() << daemons[1].Stderr();
-  // each for two requests on each line
-  auto requests = [&](int i) {
-    return ReadJson(root.tmp(std::string(lines[i].id) + ".stats")).get("requests", 0).asInt();
-  };
+  auto requests = [&](int i) { return ReadJson(file(i, ".stats")).get("requests", 0).asInt(); };
   for (const char* fault : {"\"silent\": true", "", "\"exception\": 4", "", "\"bad_checksum\": true", ""}) {
     const int before[2] = {requests(0), requests(1)};
     control(fault);
     EXPECT_TRUE(mcdtest::WaitFor([&] { return requests(0) >= before[0] + 2 && requests(1) >= before[1] + 2; }, 30s))
         << fault;
   }
-
-  auto caughtUp = [&] {
-    for (const Line& l : lines)
-      if (!CaughtUp(root.tmp(std::string(l.id) + ".held"), root.storage(std::string(l.id) + "/"))) return false;
-    return true;
-  };
-  ASSERT_TRUE(mcdtest::WaitFor(caughtUp, 120s)) << daemons[0].Stderr() << daemons[1].Stderr();
-  for (auto& d : daemons) {
-    d.Signal(SIGTERM);
+  ASSERT_TRUE(mcdtest::WaitFor([&] {
+    return CaughtUp(file(0, ".held"), root.storage("301/")) && CaughtUp(file(1, ".held"), root.storage("302/"));
+  }, 120s)) << daemons[0].Stderr() << daemons[1].Stderr();
+  for (int i = 0; i < 2; ++i) {
     int status = -1;
-    EXPECT_TRUE(d.Wait(60s, &status));
+    EXPECT_TRUE(daemons[i].Signal(SIGTERM) && daemons[i].Wait(60s, &status));
     EXPECT_EQ(status, 0);
+    EXPECT_TRUE(mcdtest::ArchivesAsHeld(file(i, ".held"), root.storage(), {lines[i].id}, time(nullptr)))
+        << lines[i].manufacturer;
   }
-
-  for (const Line& l : lines)
-    EXPECT_TRUE(mcdtest::ArchivesAsHeld(root.tmp(std::string(l.id) + ".held"), root.storage(), {l.id}, time(nullptr)))
-        << l.manufacturer;
   const std::string tsrvLog = daemons[0].Stderr(), magikaLog = daemons[1].Stderr();
-  // The faults were met, and the missing records were skipped with their times.
-  EXPECT_NE(tsrvLog.find("answered with exception 4"), std::string::npos);
-  EXPECT_NE(magikaLog.find("answered with exception 4"), std::string::npos);
-  // Walks were broken off by them, and taken up again.
+  // The faults were met, walks were broken off by them and taken up again, and the
+  // missing records were skipped with their times.
+  for (const std::string& log : {tsrvLog, magikaLog}) EXPECT_NE(log.find("answered with exception 4"), std::string::npos);
   EXPECT_NE(tsrvLog.find("CmcdTSRV::get_arch_values - hourly record"), std::string::npos);
   EXPECT_NE(magikaLog.find("transfer failed"), std::string::npos);
   EXPECT_NE(tsrvLog.find("holds no hourly record for"), std::string::npos);
