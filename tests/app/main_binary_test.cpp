@@ -11,17 +11,12 @@
 
 namespace {
 
+using mcdtest::Count;
 using std::chrono::seconds;
 
 const char kFirstRequest[] = R"({"id":1,"jsonrpc":"2.0","method":"get_config","params":{"heat_meter":"7"}})";
 const char kSetupDone[] = "main - set-up done:";
 const std::string kRed = "\x1b[1;31m", kReset = "\x1b[0m", kSeparator(57, '-');
-
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
-  return n;
-}
 
 class DaemonRun : public ::testing::Test {
  protected:

@@ -16,13 +16,8 @@
 
 namespace {
 
+using mcdtest::Count;
 using namespace std::chrono_literals;
-
-size_t Count(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
 
 // Swaps two names in one step. The daemon makes its storage directories again whenever
 // a write fails, so a directory can appear at the meter's path at any instant: every
@@ -42,8 +37,7 @@ struct Phase {
 
 class Rig {
  public:
-  explicit Rig(const std::string& meter, const std::string& always = "")
-      : id(meter), link(root.root() + "/" + meter + ".tty"), m_always(always) {
+  explicit Rig(const std::string& meter) : id(meter), link(root.root() + "/" + meter + ".tty") {
     Control("");
   }
   ~Rig() {
@@ -51,11 +45,10 @@ class Rig {
     const char* keep = getenv("MCD_E2E_LOG");
     if (keep && *keep) mcdtest::WriteFile(keep, Log());
   }
-  // Fault keys of the simulator (JSON members, "" for a healthy meter) with the ones it always has.
+  // Fault keys of the simulator (JSON members, "" for a healthy meter).
   void Control(const std::string& keys) {
     const std::string path = root.root() + "/faults.json";
-    const std::string sep = keys.empty() || m_always.empty() ? "" : ", ";
-    mcdtest::WriteFile(path + ".new", "{" + keys + sep + m_always + "}");
+    mcdtest::WriteFile(path + ".new", "{" + keys + "}");
     rename((path + ".new").c_str(), path.c_str());
   }
   long Requests() const {
@@ -132,7 +125,6 @@ class Rig {
   const std::string id, link;
 
  private:
-  std::string m_always;
   mcdtest::ChildProcess m_sim, m_daemon;
 };
 
@@ -154,65 +146,6 @@ TEST(FaultInjection, Vkt7BackfillSurvivesLinkAndStorageFaults) {
                             {"garbage", "\"garbage\": true", 2},
                             {"every other answer", "\"every_other\": true", 4}});
   EXPECT_TRUE(mcdtest::ArchivesAsHeld(rig.HeldOut(), rig.root.storage(), {"71"}, time(nullptr)));
-}
-
-// ESKO meters in a zone with a half-hour offset, each lacking one record in the middle.
-class EskoRun : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    setenv("TZ", "Asia/Kolkata", 1);  // the simulator and the daemon inherit it
-    tzset();
-  }
-  static void TearDownTestSuite() {
-    unsetenv("TZ");
-    tzset();
-  }
-  static std::string Gap() {
-    return "\"no_record\": [" + std::to_string(mcdtest::LocalHourStart(time(nullptr)) - 5 * 3600) + "]";
-  }
-  void ExpectAllFiledOnce(Rig& rig) {
-    EXPECT_TRUE(mcdtest::ArchivesAsHeld(rig.HeldOut(), rig.root.storage(), {"201=1"}, time(nullptr)));
-    EXPECT_EQ(Count(rig.Log(), "the meter holds no HOURLY record"), 1u);
-  }
-};
-
-// Started without the configuration server (then it answers with text that is not JSON)
-// and with the MTR-06's clock reading 00.00.2000 00:00:00: current values, no archive.
-TEST_F(EskoRun, StartsWithoutServerAndWithAMeterClockThatIsNoDate) {
-  Rig rig("201", Gap());
-  rig.Control("\"clock\": \"nonsense\"");
-  ASSERT_TRUE(rig.StartSimulator("esko_sim.py", {"--meter", "1:mtr06:8:2"}));
-  const int port = mcdtest::FreeLoopbackPort();
-  ASSERT_TRUE(rig.StartDaemon("http://127.0.0.1:" + std::to_string(port) + "/"));
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return Count(rig.Log(), "Error while sending data! retry") >= 2; }, 20s))
-      << rig.Log();
-  mcdtest::ConfigServer server;
-  ASSERT_TRUE(server.Start(rig.Config("esko-mtr-06", "19200"), port, {"--garbage", "3"}));
-  // said once while the clock is read again and again
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return Count(rig.Log(), "current time heat meter - 00.00.2000") >= 3; }, 30s))
-      << rig.Log();
-  EXPECT_EQ(Count(rig.Log(), "00.00.2000 00:00:00 is not a valid date"), 1u);
-  EXPECT_TRUE(mcdtest::ReadLines(rig.root.storage("201/1/tc_archives/A11")).empty());
-  rig.Control("");
-  rig.PlayPhasesAndCatchUp({});
-  ExpectAllFiledOnce(rig);
-  EXPECT_EQ(Count(rig.Log(), "Error while parsing data! retry"), 3u);
-}
-
-// Line faults and meter error answers on a TM-3E during its backfill; a failed exchange is five sends.
-TEST_F(EskoRun, BackfillSurvivesLineFaultsAndMeterErrors) {
-  Rig rig("201", Gap());
-  ASSERT_TRUE(rig.StartSimulator("esko_sim.py", {"--meter", "1:tm3e:8:2"}));
-  mcdtest::ConfigServer server;
-  ASSERT_TRUE(server.Start(rig.Config("esko-tm3", "19200")));
-  ASSERT_TRUE(rig.StartDaemon(server.url()));
-  ASSERT_TRUE(mcdtest::WaitFor([&] { return Count(rig.Log(), "min hour arch") > 0; }, 30s)) << rig.Log();
-  rig.PlayPhasesAndCatchUp({{"silent line", "\"silent\": true", 1},
-                            {"wrong checksums", "\"bad_checksum\": true", 3},
-                            {"meter error answers", "\"error_code\": 5, \"error_every\": 3", 4},
-                            {"garbage", "\"garbage\": true", 2},
-                            {"every other answer", "\"every_other\": true", 2}});
-  ExpectAllFiledOnce(rig);
 }
 
 }  // namespace

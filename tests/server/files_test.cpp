@@ -103,26 +103,6 @@ TEST_F(FilesTest, ArchiveLinesAndBounds) {
   EXPECT_EQ(ReadFile(root.storage("8/1/tc_tmp_archives/A1")), "3600,192,h\n");
 }
 
-// A storage that is not there yet (mounted late) is used as soon as it is, without a
-// restart: the directories are made again when a write fails.
-TEST_F(FilesTest, StorageThatComesLateIsUsedWithoutRestart) {
-  // The storage root lies below a plain file, so nothing there can be made, even by root.
-  mcdtest::WriteFile(root.root() + "/late", "");
-  setenv("MCD_STORAGE_DIR", (root.root() + "/late/storage/").c_str(), 1);
-  mcd::paths::Reset();
-  CJSONRPCConnector connector("7", 0);
-  EXPECT_FALSE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
-  EXPECT_TRUE(connector.WriteItems({Value(17, 4, "1", 1000), Value(0, 0, "2", 1000)}));
-  EXPECT_EQ(connector.ReadMaxTimestamp(4), 0);
-  EXPECT_EQ(ReadFile(root.tmp("7/1/tc_items/Q1")), "2\n");
-
-  ASSERT_EQ(unlink((root.root() + "/late").c_str()), 0);
-  EXPECT_TRUE(connector.WriteArchive({Value(17, 3, "1", 1000)}, 4, false));
-  EXPECT_EQ(ReadFile(root.root() + "/late/storage/7/1/tc_archives/A1"), "4600,192,1\n");
-  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1000);
-  EXPECT_EQ(Link(root.root() + "/late/storage/7/default"), root.root() + "/late/storage/7/1");
-}
-
 // What a kill or a power loss leaves is brought into agreement with the bounds by the
 // first archive call after the start.
 TEST_F(FilesTest, StartReconcilesTheArchiveFilesWithTheBounds) {

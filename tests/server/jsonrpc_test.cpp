@@ -1,5 +1,4 @@
 // Configuration requests and uploads against a real local server: bytes, ids, output, retries.
-#include "server/json_text.h"
 #include "server/jsonrpc_connector.h"
 #include "server_test_util.h"
 
@@ -107,14 +106,6 @@ TEST_F(JsonRpcTest, ServerDownThenNotJsonIsRetriedEveryFiveSecondsWithTheSameId)
   EXPECT_TRUE(connector.GetInitParameters1().empty());
   EXPECT_EQ(clock.sleeps(), 5);
   mcd::ClearStopRequest();
-}
-
-// A reply nested too deep is "not JSON" (retried), never an exception that ends the process.
-TEST(JsonText, NestingTooDeepIsNotJson) {
-  Json::Value value;
-  for (const std::string& text : {std::string(5000, '[') + "1" + std::string(5000, ']'), std::string(100000, '[')})
-    EXPECT_FALSE(mcd::ParseJson(text, value));
-  EXPECT_TRUE(mcd::ParseJson("{\"result\": " + std::string(500, '[') + "1" + std::string(500, ']') + "}", value));
 }
 
 // Q1 of system 1 with error 0xff, a pair without a name, T3 of system 0 with error 0.

@@ -141,12 +141,13 @@ std::string LogCapture::Text() const {
   return all.size() > m_start ? all.substr(m_start) : std::string();
 }
 
-size_t LogCapture::Count(const std::string& needle) const {
-  std::string text = Text();
+size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
   for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
   return n;
 }
+
+size_t LogCapture::Count(const std::string& needle) const { return mcdtest::Count(Text(), needle); }
 
 ::testing::AssertionResult ArchivesAsHeld(const std::string& heldOut, const std::string& storageRoot,
                                           const std::vector<std::string>& meters, time_t meterTime) {

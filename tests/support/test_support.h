@@ -82,6 +82,9 @@ void WriteFile(const std::string& path, const std::string& text);
 std::vector<std::string> ReadLines(const std::string& path);
 std::vector<std::string> ListDir(const std::string& path);  // sorted names, no . and ..
 
+// Occurrences of needle in text.
+size_t Count(const std::string& text, const std::string& needle);
+
 // Polls pred every 20 ms until it holds or the time-out passes; returns the last result.
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
 
