@@ -38,15 +38,27 @@ inline void UsePrivateRoot() {
   (void)done;
 }
 
+// A line that looks open and has nothing to open, flush or drain; a read with a time
+// limit is a plain read. Subclasses play the meter in WriteBuffer / ReadBuffer.
+class FuzzLine : public CConnector {
+ public:
+  FuzzLine() { fd = 1000; }  // looks open; never used
+  ~FuzzLine() override { fd = -1; }
+  int ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int) override {
+    return ReadBuffer(buf, len, led);
+  }
+  bool open_device() override { return true; }
+  void close_device() override {}
+  int flush() override { return 0; }
+  int drain() override { return 0; }
+};
+
 // Serves the fuzz input as the meter's answers, a read at a time, and swallows writes.
 // When the input is used up it keeps failing reads (-1), or, with a filler byte set,
 // answers that byte for ever (for character-driven links that wait out gaps).
-class FuzzConnector : public CConnector {
+class FuzzConnector : public FuzzLine {
  public:
-  FuzzConnector(const uint8_t* data, size_t size, int filler = -1) : m_data(data), m_size(size), m_filler(filler) {
-    fd = 1000;  // looks open; never used
-  }
-  ~FuzzConnector() override { fd = -1; }
+  FuzzConnector(const uint8_t* data, size_t size, int filler = -1) : m_data(data), m_size(size), m_filler(filler) {}
 
   int WriteBuffer(const unsigned char*, unsigned short len, bool) override { return len; }
   int ReadBuffer(unsigned char* buf, unsigned short len, bool) override {
@@ -65,13 +77,6 @@ class FuzzConnector : public CConnector {
     m_pos += n;
     return static_cast<int>(n);
   }
-  int ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int) override {
-    return ReadBuffer(buf, len, led);
-  }
-  bool open_device() override { return true; }
-  void close_device() override {}
-  int flush() override { return 0; }
-  int drain() override { return 0; }
 
  private:
   const uint8_t* m_data;

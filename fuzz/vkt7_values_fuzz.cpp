@@ -10,10 +10,9 @@
 
 namespace {
 
-class Vkt7FuzzMeter : public CConnector {
+class Vkt7FuzzMeter : public mcdfuzz::FuzzLine {
  public:
-  Vkt7FuzzMeter(const uint8_t* data, size_t size) : m_data(data), m_size(size) { fd = 1000; }
-  ~Vkt7FuzzMeter() override { fd = -1; }
+  Vkt7FuzzMeter(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
 
   int WriteBuffer(const unsigned char* buf, unsigned short len, bool) override {
     m_answer.clear();
@@ -41,13 +40,6 @@ class Vkt7FuzzMeter : public CConnector {
     m_pos += n;
     return static_cast<int>(n);
   }
-  int ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int) override {
-    return ReadBuffer(buf, len, led);
-  }
-  bool open_device() override { return true; }
-  void close_device() override {}
-  int flush() override { return 0; }
-  int drain() override { return 0; }
 
  private:
   const uint8_t* m_data;

@@ -44,10 +44,6 @@ def bcd(v):
     return ((v // 10 % 10) << 4) | (v % 10)
 
 
-def f32(x):
-    return struct.pack(">f", x)
-
-
 class Magika:
     @staticmethod
     def add_arguments(parser):
@@ -114,9 +110,9 @@ class Magika:
         data = bytes([bcd(lt.tm_mday), bcd(lt.tm_mon), bcd(lt.tm_year % 100)])
         if hourly:
             data += bytes([bcd(lt.tm_hour)])
-        data += b"".join(f32(x) for x in v["M"] + v["Q"] + v["T"] + v["P"])
+        data += b"".join(modbuslib.f32(x) for x in v["M"] + v["Q"] + v["T"] + v["P"])
         if not hourly:
-            data += f32(0.0) + f32(0.0)
+            data += modbuslib.f32(0.0) + modbuslib.f32(0.0)
         data += small(v["TNORM"][0]) + small(v["TNORM"][1]) + small(2)
         if hourly:
             data += small(0)
@@ -137,17 +133,17 @@ class Magika:
         put(15, bytes([bcd(lt.tm_year % 100), bcd(lt.tm_mon), bcd(lt.tm_mday), bcd(lt.tm_hour),
                        bcd(lt.tm_min), bcd(lt.tm_sec)]))
         for i in range(10):
-            put(100 + 2 * i, f32(2.5 + i))
-            put(120 + 2 * i, f32(2.25 + i))
-            put(140 + 2 * i, f32(65.5 - 5 * i))
-            put(170 + 2 * i, f32(6.0 - 0.5 * i))
-            put(400 + 2 * i, f32(1000.5 + 10 * i))
+            put(100 + 2 * i, modbuslib.f32(2.5 + i))
+            put(120 + 2 * i, modbuslib.f32(2.25 + i))
+            put(140 + 2 * i, modbuslib.f32(65.5 - 5 * i))
+            put(170 + 2 * i, modbuslib.f32(6.0 - 0.5 * i))
+            put(400 + 2 * i, modbuslib.f32(1000.5 + 10 * i))
         for s in range(4):
-            put(160 + 2 * s, f32(0.125 * (s + 1)))
-            put(420 + 2 * s, f32(1234.5 + s))
-        put(430, f32(5000.0))
+            put(160 + 2 * s, modbuslib.f32(0.125 * (s + 1)))
+            put(420 + 2 * s, modbuslib.f32(1234.5 + s))
+        put(430, modbuslib.f32(5000.0))
         for s in range(5):
-            put(432 + 2 * s, f32(4000.0 + s))
+            put(432 + 2 * s, modbuslib.f32(4000.0 + s))
         put(1001, struct.pack(">H", self.length))
         return regs
 

@@ -11,6 +11,7 @@ Extra switches read from the same JSON control file as simlib's:
 """
 import json
 import os
+import struct
 import time
 
 
@@ -25,6 +26,11 @@ def crc16(data):
             else:
                 crc >>= 1
     return crc
+
+
+def f32(x):
+    """A float in two registers, high word first, as both meters send it."""
+    return struct.pack(">f", x)
 
 
 def with_crc(frame):

@@ -35,10 +35,6 @@ import simlib  # noqa: E402
 RECORD = 172
 
 
-def f32(x):
-    return struct.pack(">f", x)
-
-
 class Tsrv:
     @staticmethod
     def add_arguments(parser):
@@ -107,11 +103,11 @@ class Tsrv:
         r = bytearray(RECORD)
         struct.pack_into(">IHHHHH", r, 0, stamp, f["normal"], 0, 0, f["stop"], 0)
         struct.pack_into(">HI", r, 78, 2, f["flags"])
-        r[84:96] = f32(f["heat"]) + f32(0.0) + f32(sum(f["mass"]))
+        r[84:96] = modbuslib.f32(f["heat"]) + modbuslib.f32(0.0) + modbuslib.f32(sum(f["mass"]))
         for k in range(4):
-            r[96 + 4 * k:100 + 4 * k] = f32(0.0)
-            r[112 + 4 * k:116 + 4 * k] = f32(f["mass"][k])
-            r[128 + 4 * k:132 + 4 * k] = f32(f["volume"][k])
+            r[96 + 4 * k:100 + 4 * k] = modbuslib.f32(0.0)
+            r[112 + 4 * k:116 + 4 * k] = modbuslib.f32(f["mass"][k])
+            r[128 + 4 * k:132 + 4 * k] = modbuslib.f32(f["volume"][k])
             struct.pack_into(">H", r, 144 + 2 * k, f["temp"][k])
             struct.pack_into(">h", r, 152 + 2 * k, f["temp"][k])
             struct.pack_into(">H", r, 160 + 2 * k, f["press"][k])
@@ -140,9 +136,9 @@ class Tsrv:
     # --- input registers ---
     def total(self, value):
         if self.args.totals == "float":
-            return f32(value) + bytes(4)
+            return modbuslib.f32(value) + bytes(4)
         whole = int(value)
-        return struct.pack(">I", whole) + f32(value - whole)
+        return struct.pack(">I", whole) + modbuslib.f32(value - whole)
 
     def registers(self):
         """Input register bytes by physical address."""
@@ -156,14 +152,14 @@ class Tsrv:
 
         put(0x8000, struct.pack(">I", calendar.timegm(lt[:6])))
         put(0x8002, struct.pack(">I", 240000 + self.args.address))
-        put(0xC6BE, f32(-7.5))
+        put(0xC6BE, modbuslib.f32(-7.5))
         for n in range(3):
             put(0x8016 + 0x0E * n, struct.pack(">IIIIII", 1000 + n, 5, 1, 2, 3, 4))
             put(0x806A + 2 * n, struct.pack(">I", 0x10 * n))
             put(0xC0BE + 0x18 * n, self.total(12345.5 + n) + self.total(100.25) + self.total(5000.75 + n))
             for k in range(4):
                 base = 0xC106 + 0x18 * k + 0x60 * n
-                put(base, bytes(12) + b"".join(f32(x) for x in (65.5 - 10 * k + n, 0.625 - 0.125 * k, 2.5 + k,
+                put(base, bytes(12) + b"".join(modbuslib.f32(x) for x in (65.5 - 10 * k + n, 0.625 - 0.125 * k, 2.5 + k,
                                                                  2.25 + k, 60.0, 980.0, 0.125)))
                 put(0xC234 + 0x3C * k + 0xF0 * n, self.total(50.5 + k) + self.total(1000.5 + 10 * k + n) +
                     self.total(1001.25 + 10 * k + n))
