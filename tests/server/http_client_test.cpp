@@ -143,3 +143,29 @@ TEST(HttpClient, AStopRequestEndsAnExchangeTheServerLeavesUnanswered) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(HttpClient, AConnectionTheServerNeverTakesTimesOutAfterFiveSeconds) {
+  // A listener with a full queue that never accepts: the kernel drops further SYNs, so
+  // the next connect stays under way.
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len);
+  const int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&addr), len), 0);
+  mcd::HttpClient client("http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.Send("{}"), 28);
+  // the connect time-out, not the 30 s of the whole transfer
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+  close(filler);
+  close(listener);
+}
+
+}  // namespace
