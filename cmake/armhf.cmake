@@ -2,7 +2,7 @@
 #
 #   cmake -S . -B build/armhf -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake
 #
-# Compiler: Debian's g++-arm-linux-gnueabihf. Libraries and headers (jsoncpp, libcurl,
+# Compiler: Debian's g++-arm-linux-gnueabihf. Libraries and headers (jsoncpp, libevent,
 # libmodbus, googletest, glibc, libstdc++) come from a sysroot of Debian armhf packages
 # unpacked into a folder, by default build/sysroot-armhf beside this file's tree
 # (scripts/cross-armhf.sh makes it). Another folder: -DMCD_ARMHF_SYSROOT=<dir> or the
@@ -59,7 +59,7 @@ set(ENV{PKG_CONFIG_PATH} "")
 set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
 set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
 
-# The armhf libraries' own dependencies (libcurl -> libssl, libnghttp2, ...) are found
+# The armhf libraries' own dependencies (libsystemd -> libgcrypt, liblzma, ...) are found
 # through the sysroot when the linker follows DT_NEEDED entries.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-Wl,-rpath-link,${MCD_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf -Wl,-rpath-link,${MCD_ARMHF_SYSROOT}/lib/arm-linux-gnueabihf")

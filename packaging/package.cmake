@@ -52,7 +52,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Written out rather than computed by dpkg-shlibdeps, which cannot see the armhf
 # libraries of a cross build: the run-time libraries of Debian 12 the binary links.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libjsoncpp25 (>= 1.9.5), libcurl4 (>= 7.74.0), libmodbus5 (>= 3.1.6), libsystemd0 (>= 252), passwd, init-system-helpers (>= 1.54)")
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libjsoncpp25 (>= 1.9.5), libevent-core-2.1-7 (>= 2.1.12-stable), libevent-extra-2.1-7 (>= 2.1.12-stable), libmodbus5 (>= 3.1.6), libsystemd0 (>= 252), passwd, init-system-helpers (>= 1.54)")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${MCD_PACKAGING_DIR}/postinst ${MCD_PACKAGING_DIR}/prerm ${MCD_PACKAGING_DIR}/postrm
     ${MCD_PACKAGING_DIR}/conffiles)

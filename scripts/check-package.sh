@@ -85,7 +85,7 @@ if [ "$ARCH" = "$HOSTARCH" ]; then
   BASE=$TOP/build/root-$SUITE-$ARCH
   if [ ! -f "$BASE/.mcd-base-done" ]; then
     rm -rf "$BASE"
-    debootstrap --variant=minbase --include=systemd,libjsoncpp25,libcurl4,libmodbus5 \
+    debootstrap --variant=minbase --include=systemd,libjsoncpp25,libevent-core-2.1-7,libevent-extra-2.1-7,libmodbus5 \
       "$SUITE" "$BASE" "$MIRROR"
     touch "$BASE/.mcd-base-done"
   fi

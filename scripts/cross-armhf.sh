@@ -10,7 +10,7 @@
 # 1. Host tools from Debian (root needed once): the cross compiler
 #    g++-arm-linux-gnueabihf, qemu-user, cmake, pkg-config.
 # 2. Sysroot build/sysroot-armhf: Debian's armhf packages of glibc, libstdc++, jsoncpp,
-#    libcurl, libmodbus and googletest with all their dependencies, downloaded with a
+#    libevent, libmodbus and googletest with all their dependencies, downloaded with a
 #    private apt state (build/apt-armhf, APT::Architecture "armhf") and unpacked with
 #    dpkg-deb -x. Nothing is installed into this machine's own package database.
 # 3. Build build/armhf with cmake/armhf.cmake, run ctest (each test program through
@@ -35,7 +35,7 @@ case "$1" in
 esac
 
 # Packages whose armhf builds (and dependencies) make up the sysroot.
-SYSROOT_PACKAGES="libc6-dev libstdc++-12-dev libjsoncpp-dev libcurl4-openssl-dev \
+SYSROOT_PACKAGES="libc6-dev libstdc++-12-dev libjsoncpp-dev libevent-dev \
   libmodbus-dev libsystemd-dev libgtest-dev libgmock-dev"
 HOST_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user cmake make \
   pkg-config python3 dpkg-dev file"

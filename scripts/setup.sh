@@ -6,7 +6,7 @@ if [ "$(id -u)" != 0 ]; then
   exit 1
 fi
 export DEBIAN_FRONTEND=noninteractive
-PACKAGES="build-essential cmake pkg-config libjsoncpp-dev libcurl4-openssl-dev libmodbus-dev libsystemd-dev \
+PACKAGES="build-essential cmake pkg-config libjsoncpp-dev libevent-dev libmodbus-dev libsystemd-dev \
   libgtest-dev libgmock-dev python3 clang libclang-rt-14-dev"
 missing=""
 for p in $PACKAGES; do
