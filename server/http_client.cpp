@@ -212,7 +212,9 @@ int HttpClient::Send(const std::string& request) {
 }
 
 int HttpClient::Perform(const std::string& request) {
-  std::unique_ptr<evhttp_uri, UriDeleter> uri(evhttp_uri_parse(m_url.c_str()));
+  // An endpoint written without a scheme ("127.0.0.1:8082/") is taken as http://.
+  const std::string url = m_url.find("://") == std::string::npos ? "http://" + m_url : m_url;
+  std::unique_ptr<evhttp_uri, UriDeleter> uri(evhttp_uri_parse(url.c_str()));
   if (!uri) return kErrBadUrl;
   const char* scheme = evhttp_uri_get_scheme(uri.get());
   const char* host = evhttp_uri_get_host(uri.get());
