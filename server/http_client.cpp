@@ -221,11 +221,10 @@ int HttpClient::Perform(const std::string& request) {
   if (!scheme || strcasecmp(scheme, "http") != 0) return kErrScheme;
   if (!host || !*host) return kErrBadUrl;
   const int port = evhttp_uri_get_port(uri.get()) < 0 ? 80 : evhttp_uri_get_port(uri.get());
-  std::string hostText = host;
   // An IPv6 literal keeps its brackets in the Host header, not in the address.
+  const std::string hostText = host;
   std::string name = hostText;
   if (name.size() > 2 && name.front() == '[' && name.back() == ']') name = name.substr(1, name.size() - 2);
-  if (hostText.find(':') != std::string::npos && hostText.front() != '[') hostText = "[" + hostText + "]";
   std::string target = evhttp_uri_get_path(uri.get()) ? evhttp_uri_get_path(uri.get()) : "";
   if (target.empty()) target = "/";
   if (const char* query = evhttp_uri_get_query(uri.get())) target += std::string("?") + query;
@@ -234,7 +233,8 @@ int HttpClient::Perform(const std::string& request) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_ADDRCONFIG;
+  // No AI_ADDRCONFIG: with only the loopback interface up (network down) a loopback
+  // endpoint must still resolve.
   addrinfo* found = nullptr;
   if (getaddrinfo(name.c_str(), nullptr, &hints, &found) != 0 || !found) return kErrResolve;
   std::unique_ptr<addrinfo, AddrDeleter> addresses(found);
