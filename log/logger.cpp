@@ -131,13 +131,16 @@ void logger::saveToFile(const char* prefix, const char* message) {
 
 void logger::dump(const char* title, const unsigned char* bytes, size_t count) {
   if (level() != TL_DEBUG) return;
-  std::string text = std::string(title ? title : "") + "\n";
-  char hex[8];
-  for (size_t i = 0; i < count; ++i) {
-    snprintf(hex, sizeof hex, "0x%02x ", bytes[i]);
-    text += hex;
+  static const char kHex[] = "0123456789abcdef";
+  std::string text;
+  text.reserve((title ? strlen(title) : 0) + count * 5 + 2);
+  text += title ? title : "";
+  text += '\n';
+  for (size_t i = 0; i < count; ++i) {  // "0x%02x " per byte
+    const char item[5] = {'0', 'x', kHex[bytes[i] >> 4], kHex[bytes[i] & 0x0F], ' '};
+    text.append(item, sizeof item);
   }
-  text += "\n";
+  text += '\n';
   if (m_stderr.load(std::memory_order_relaxed)) {
     writeAll(STDERR_FILENO, text.data(), text.size());
   } else if (m_syslog) {

@@ -64,18 +64,21 @@ class logger {
   static std::atomic<logger*> s_instance;
 };
 
-#define MCD_LOG_AT(method, ...)                                  \
-  do {                                                           \
-    if (logger* mcd_log_instance_ = logger::get())               \
-      mcd_log_instance_->method(__VA_ARGS__);                    \
+// The level is tested before the arguments are evaluated: a line that is not written at
+// the current level costs no formatting, no time conversion and no string building.
+#define MCD_LOG_AT(lvl, method, ...)                                                  \
+  do {                                                                                \
+    logger* mcd_log_instance_ = logger::get();                                        \
+    if (mcd_log_instance_ && mcd_log_instance_->isWritable(logger::lvl))              \
+      mcd_log_instance_->method(__VA_ARGS__);                                         \
   } while (0)
 
-#define LOG_EMERG(...) MCD_LOG_AT(Emerg, __VA_ARGS__)
-#define LOG_ALERT(...) MCD_LOG_AT(Alert, __VA_ARGS__)
-#define LOG_CRIT(...) MCD_LOG_AT(Crit, __VA_ARGS__)
-#define LOG_ERR(...) MCD_LOG_AT(Err, __VA_ARGS__)
-#define LOG_WARNING(...) MCD_LOG_AT(Warning, __VA_ARGS__)
-#define LOG_NOTICE(...) MCD_LOG_AT(Notice, __VA_ARGS__)
-#define LOG_INFO(...) MCD_LOG_AT(Info, __VA_ARGS__)
-#define LOG_DEBUG(...) MCD_LOG_AT(Debug, __VA_ARGS__)
-#define LOG_DUMP(title, bytes, count) MCD_LOG_AT(dump, title, bytes, count)
+#define LOG_EMERG(...) MCD_LOG_AT(TL_EMERG, Emerg, __VA_ARGS__)
+#define LOG_ALERT(...) MCD_LOG_AT(TL_ALERT, Alert, __VA_ARGS__)
+#define LOG_CRIT(...) MCD_LOG_AT(TL_CRIT, Crit, __VA_ARGS__)
+#define LOG_ERR(...) MCD_LOG_AT(TL_ERR, Err, __VA_ARGS__)
+#define LOG_WARNING(...) MCD_LOG_AT(TL_WARNING, Warning, __VA_ARGS__)
+#define LOG_NOTICE(...) MCD_LOG_AT(TL_NOTICE, Notice, __VA_ARGS__)
+#define LOG_INFO(...) MCD_LOG_AT(TL_INFO, Info, __VA_ARGS__)
+#define LOG_DEBUG(...) MCD_LOG_AT(TL_DEBUG, Debug, __VA_ARGS__)
+#define LOG_DUMP(title, bytes, count) MCD_LOG_AT(TL_DEBUG, dump, title, bytes, count)

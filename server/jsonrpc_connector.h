@@ -79,6 +79,21 @@ class CJSONRPCConnector {
   void EnsureReconciled();
   void ReconcileLocked();
   void ReconcileBound(int archiveType);
+  // Files an item: replaces dir + name with text (see mcd::fs::ReplaceFile) and sets its
+  // times to fileTime, or to now when fileTime is null. When the file still is the one
+  // this connector wrote last with the same text, only its times are set.
+  bool WriteItemFile(const std::string& dir, const std::string& name, const std::string& text, const time_t* fileTime,
+                     int sys);
+
+  // The item files written by this connector: text, the file's identity and the time
+  // set on it, so that an unchanged value does not make a new file every cycle.
+  struct WrittenItem {
+    std::string text;
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    long long time = 0;
+  };
+  std::map<std::string, WrittenItem> writtenItems;
 
   std::mutex reconcileMutex;
   bool reconciled = false;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -229,6 +230,48 @@ std::string CJSONRPCConnector::GetArchiveDir(int i, bool temporary) {
   return dir;
 }
 
+bool CJSONRPCConnector::WriteItemFile(const std::string& dir, const std::string& name, const std::string& text,
+                                      const time_t* fileTime, int sys) {
+  const std::string path = dir + name;
+  auto found = writtenItems.find(path);
+  if (found != writtenItems.end() && found->second.text == text) {
+    // The same text as last time: when the file is still the one written then (same
+    // file, same size, the time set then), only its times are set, as a rewrite would.
+    WrittenItem& item = found->second;
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_dev == item.device && st.st_ino == item.inode &&
+        st.st_size == static_cast<off_t>(text.size()) && st.st_mtime == item.time) {
+      struct timeval times[2];
+      if (fileTime) {
+        times[0].tv_sec = *fileTime;
+        times[0].tv_usec = 0;
+        times[1] = times[0];
+      }
+      if (utimes(path.c_str(), fileTime ? times : nullptr) == 0 && (fileTime || stat(path.c_str(), &st) == 0)) {
+        item.time = fileTime ? *fileTime : st.st_mtime;
+        return true;
+      }
+    }
+    writtenItems.erase(found);
+  }
+  if (!ReplaceInDir(dir, name, text, fileTime, false,
+                    [&] { if (sys == defaultSystem) MakeDefaultLink(volatileDir, sys); })) {
+    writtenItems.erase(path);
+    return false;
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0) {
+    WrittenItem& item = writtenItems[path];
+    item.text = text;
+    item.device = st.st_dev;
+    item.inode = st.st_ino;
+    item.time = st.st_mtime;
+  } else {
+    writtenItems.erase(path);
+  }
+  return true;
+}
+
 bool CJSONRPCConnector::WriteItems(const ParamValueList& list) {
   bool logged = false;
   auto check = [&logged](bool ok, const std::string& path) {
@@ -250,17 +293,12 @@ bool CJSONRPCConnector::WriteItems(const ParamValueList& list) {
       // System data read once for system 0 is filed under every known system; the file
       // time is set on the last copy only.
       auto last = std::prev(itemDirs.end());
-      for (auto it = itemDirs.begin(); it != itemDirs.end(); ++it) {
-        const int sys = it->first;
-        check(ReplaceInDir(it->second, *name, pv.value + "\n", it == last ? &fileTime : nullptr, false,
-                           [&] { if (sys == defaultSystem) MakeDefaultLink(volatileDir, sys); }),
+      for (auto it = itemDirs.begin(); it != itemDirs.end(); ++it)
+        check(WriteItemFile(it->second, *name, pv.value + "\n", it == last ? &fileTime : nullptr, it->first),
               it->second + *name);
-      }
     } else {
       const std::string dir = GetItemsDir(pv.sys);
-      check(ReplaceInDir(dir, *name, pv.value + "\n", &fileTime, false,
-                         [&] { if (pv.sys == defaultSystem) MakeDefaultLink(volatileDir, pv.sys); }),
-            dir + *name);
+      check(WriteItemFile(dir, *name, pv.value + "\n", &fileTime, pv.sys), dir + *name);
     }
   }
   return true;
@@ -269,14 +307,16 @@ bool CJSONRPCConnector::WriteItems(const ParamValueList& list) {
 namespace {
 
 // The archive files one WriteArchive call appends to, each opened once, with its size
-// before the call, so that a call that cannot be completed is taken back whole.
+// before the call, so that a call that cannot be completed is taken back whole. The
+// lines of a file are gathered and written with one write per file (Write), then made
+// durable (Sync).
 class ArchiveAppends {
  public:
   ~ArchiveAppends() {
     for (auto& file : m_files) close(file.second.fd);
   }
-  // Appends one line with a single write; false (errno set) when the file cannot be
-  // opened or written. A directory that is missing is made again first.
+  // Adds one line for the file; false (errno set) when the file cannot be opened. A
+  // directory that is missing is made again first.
   bool Append(const std::string& dir, const std::string& name, const std::string& line,
               const std::function<void()>& remade) {
     const std::string path = dir + name;
@@ -294,12 +334,29 @@ class ArchiveAppends {
       if (fd < 0) return false;
       struct stat st;
       off_t size = fstat(fd, &st) == 0 ? st.st_size : 0;
-      found = m_files.emplace(path, File{fd, size}).first;
+      found = m_files.emplace(path, File{fd, size, std::string()}).first;
     }
-    const ssize_t n = write(found->second.fd, line.data(), line.size());
-    if (n == static_cast<ssize_t>(line.size())) return true;
-    if (n >= 0) errno = ENOSPC;  // a short append: the disk is full
-    return false;
+    found->second.lines += line;
+    return true;
+  }
+  // Writes the gathered lines of every file; on failure names the file (errno set; a
+  // write that stops short means the disk is full).
+  bool Write(std::string& failed) {
+    for (auto& file : m_files) {
+      const std::string& text = file.second.lines;
+      size_t done = 0;
+      while (done < text.size()) {
+        const ssize_t n = write(file.second.fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+          if (n == 0) errno = ENOSPC;
+          failed = file.first;
+          return false;
+        }
+        done += static_cast<size_t>(n);
+      }
+    }
+    return true;
   }
   // Makes every line appended so far durable; on failure names the file.
   bool Sync(std::string& failed) {
@@ -330,6 +387,7 @@ class ArchiveAppends {
   struct File {
     int fd;
     off_t size;
+    std::string lines;  // not yet written
   };
   std::map<std::string, File> m_files;
   std::map<std::string, bool> m_newDirs;
@@ -371,6 +429,10 @@ bool CJSONRPCConnector::WriteArchive(const ParamValueList& list, int archiveType
     if (pv.paramId != 14 && pv.paramId != 15 && pv.timestamp > newest) newest = pv.timestamp;
   }
   std::string failed;
+  if (complete && !files.Write(failed)) {
+    LOG_ERR("CJSONRPCConnector::WriteArchive - cannot write %s: %s", failed.c_str(), ErrorText(errno).c_str());
+    complete = false;
+  }
   if (complete && !files.Sync(failed)) {
     LOG_ERR("CJSONRPCConnector::WriteArchive - cannot sync %s: %s", failed.c_str(), ErrorText(errno).c_str());
     complete = false;
@@ -506,9 +568,7 @@ void CJSONRPCConnector::SetConnectionState(bool connected) {
   const std::string text = connected ? "1\n" : "0\n";
   if (itemDirs.empty()) GetItemsDir(defaultSystem);
   for (const auto& entry : itemDirs) {
-    const int sys = entry.first;
-    if (!ReplaceInDir(entry.second, *name, text, nullptr, false,
-                      [&] { if (sys == defaultSystem) MakeDefaultLink(volatileDir, sys); }))
+    if (!WriteItemFile(entry.second, *name, text, nullptr, entry.first))
       LOG_ERR("CJSONRPCConnector::SetConnectionState - cannot write %s: %s", (entry.second + *name).c_str(),
               ErrorText(errno).c_str());
   }

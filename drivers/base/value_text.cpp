@@ -4,14 +4,16 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <sstream>
+#include <cstdio>
 
 namespace mcd {
 
 std::string StreamText(double value) {
-  std::ostringstream out;
-  out << value;
-  return out.str();
+  // What a default-formatted stream writes (the conversion %g, precision 6, the "C"
+  // locale: the daemon never changes either), without building a stream per value.
+  char text[32];
+  const int n = snprintf(text, sizeof text, "%g", value);
+  return std::string(text, n > 0 ? static_cast<size_t>(n) : 0);
 }
 
 std::string GetFloatAsString(const CMeterBuffer& cursor, int n) {

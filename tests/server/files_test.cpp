@@ -1,6 +1,7 @@
 // The meter's file tree: directories, links, file texts, file times and flag files.
 #include <dlfcn.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,6 +64,16 @@ TEST_F(FilesTest, ItemTreeLinksAndFileTimes) {
   EXPECT_EQ(ListDir(root.tmp("7")), (Names{"1", "2", "3", "default"}));
   EXPECT_EQ(ListDir(root.tmp("7/1/tc_items")), (Names{"IE1", "Q1"}));
   EXPECT_EQ(Link(root.tmp("7/default")), root.tmp("7/1"));
+  // An unchanged value moves the time on; a file that another process replaced meanwhile
+  // (same size, same time) gets the value again although the value did not change.
+  const std::string q1 = root.tmp("7/1/tc_items/Q1");
+  connector.WriteItems({Value(0, 0, "7", 1400000300, 0)});
+  EXPECT_EQ(ModTime(q1), 1400000300);
+  const time_t same = 1400000300;
+  ASSERT_TRUE(mcd::fs::ReplaceFile(q1, "9\n", &same));
+  connector.WriteItems({Value(0, 0, "7", 1400000400, 0)});
+  EXPECT_EQ(ReadFile(q1), "7\n");
+  EXPECT_EQ(ModTime(q1), 1400000400);
   // Unknown pairs and kind 6 are dropped; another meter has a tree of its own.
   CJSONRPCConnector("12", 0).WriteItems({Value(6, 0, "70", 1), Value(16, 0, "x", 1), Value(1, 6, "y", 1)});
   EXPECT_EQ(ListDir(root.tmp("12/1/tc_items")), Names{"T1"});
@@ -196,6 +207,20 @@ TEST_F(FilesTest, ArchiveLinesAreTakenBackWhenTheBoundCannotBeWritten) {
   EXPECT_TRUE(connector.WriteArchive(next, 4, false));
   EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before + "1500003600,192,2.5\n");
   EXPECT_EQ(ReadFile(root.storage("7/timestamp_max_hourly")), "1500003600");
+
+  // Lines that cannot be written (here: past the file size limit) do not raise the bound.
+  struct rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  struct rlimit small = limit;
+  small.rlim_cur = 20;  // below the size of A20
+  signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  const bool filed = connector.WriteArchive({Value(6, 4, "4.5", 1500007200)}, 4, false);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGXFSZ, SIG_DFL);
+  EXPECT_FALSE(filed);
+  EXPECT_EQ(ReadFile(root.storage("7/1/tc_archives/A20")), before + "1500003600,192,2.5\n");
+  EXPECT_EQ(connector.ReadMaxTimestamp(4), 1500003600);
 }
 
 }  // namespace
