@@ -293,7 +293,8 @@ class Rig:
             config.setdefault("systems", {"system_1": "1"})
             config.update(period_current=str(period), port_params=dict(family.port, name=link, speed="9600"))
             self.meters[str(a)] = config
-        extra = ["--stats", self.path("stats.json"), "--answer-pause", str(family.answer_pause)]
+        extra = ["--stats", self.path("stats.json"), "--answer-pause", str(family.answer_pause),
+                 "--held-out", self.path("held.json")]
         if baud:
             extra += ["--baud", str(baud)]
         self.procs.append(subprocess.Popen([sys.executable, os.path.join(ROOT, "tools", family.tool), "--link", link]
@@ -325,6 +326,16 @@ class Rig:
         except OSError:
             return False
 
+    def check(self, meter_time):
+        """tools/archive_check.py on meter 1 against the records the simulator holds (its
+        held-out file): {"lost", "dup", "wrong"}, or None when it gave no totals."""
+        argv = [sys.executable, os.path.join(ROOT, "tools", "archive_check.py"), "--held-out", self.path("held.json"),
+                "--storage", self.path("storage"), "--meter", "1", "--meter-time", str(int(meter_time)), "--quiet"]
+        done = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True)
+        last = done.stdout.strip().splitlines()[-1:] or [""]
+        m = re.match(r"^lost (\d+) duplicated (\d+) wrong (\d+)$", last[0])
+        return dict(lost=int(m.group(1)), dup=int(m.group(2)), wrong=int(m.group(3))) if m else None
+
     def stats(self):
         try:
             with open(self.path("stats.json")) as f:
@@ -336,12 +347,30 @@ class Rig:
         return all(read_number(self.path("storage/%s/timestamp_max_hourly" % a)) >= last_hour and
                    read_number(self.path("storage/%s/timestamp_max_daily" % a)) >= yesterday for a in addresses)
 
-    def cycles(self):
-        try:
-            with open(self.path("daemon.log"), errors="replace") as f:
-                return f.read().count("CMcdBaseDriver::functionThread end all current values.")
-        except OSError:
-            return 0
+    def newest_item(self):
+        """The newest modification time (ns) of the meters' current-value files: each
+        poll cycle writes them (stamped with the daemon's clock), whatever the log level."""
+        newest = 0
+        for dirpath, _, files in os.walk(self.path("tmp")):
+            if dirpath.endswith("tc_items"):
+                for name in files:
+                    try:
+                        newest = max(newest, os.stat(os.path.join(dirpath, name)).st_mtime_ns)
+                    except OSError:
+                        pass
+        return newest
+
+    def count_cycles(self, seconds, step=0.2):
+        """Sleeps `seconds` and counts the poll cycles meanwhile (the times the newest
+        current-value file changed; cycles are a second or more apart at the 60-fold
+        clock)."""
+        end, last, count = time.time() + seconds, self.newest_item(), 0
+        while time.time() < end:
+            time.sleep(step)
+            now = self.newest_item()
+            if now != last:
+                count, last = count + 1, now
+        return count
 
     def stop(self):
         for p in reversed(self.procs):
@@ -362,6 +391,13 @@ class Rig:
 
 # --- the measurements -----------------------------------------------------------------
 
+# Polling period of the paced backfills: above 600 s the daemon reads the archives in its
+# first cycle (at 600 s and below it holds them back 600 s of meter time, 10 s of wall
+# time at the 60-fold clock, which are no line time).
+PACED_PERIOD = 601
+CPU_PERIOD = 60
+
+
 def backfill(binary, family, days, baud, verbose, steady_seconds):
     """One meter with `days` of missing archive; wall time to file it all, the floor,
     lost and duplicated records, CPU, memory, bytes written; then poll cycles."""
@@ -370,26 +406,29 @@ def backfill(binary, family, days, baud, verbose, steady_seconds):
         now = time.time()
         want_hourly, want_daily = local_hours_back(now, days * 24), local_days_back(now, days)
         started = time.time()
-        daemon = rig.start(family, [1], days * 24, days, baud, 60, 60, verbose)
+        period = PACED_PERIOD if baud else CPU_PERIOD
+        daemon = rig.start(family, [1], days * 24, days, baud, period, 60, verbose)
         done = wait_for(lambda: rig.filed([1], want_hourly[-1], want_daily[-1]), 3 * 3600)
         wall = time.time() - started
         cpu = cpu_seconds(daemon.pid)
         stats = rig.stats()
         check = check_archives(rig.path("storage"), "1", want_hourly, want_daily)
+        # lost and duplicated against the records the meter held when the run began
+        held = rig.check(now)
+        check.update(held if held else dict(lost=-1, dup=-1, wrong=-1))
         diag_backfill = diag_bytes(rig.path("storage"))
-        # poll cycles once everything is filed (period 60 s, fast-forwarded 60 times)
-        c0, t0, d0 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
-        time.sleep(steady_seconds)
-        c1, t1, d1 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        # poll cycles once everything is filed (fast-forwarded 60 times)
+        t0, d0 = cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        cycles = rig.count_cycles(steady_seconds)
+        t1, d1 = cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
         mem = memory(daemon.pid)
         requests = stats.get("requests", 0)
         floor = stats.get("floor_seconds", 0.0) + requests * family.rtu_silences * 3.5 * BITS_PER_BYTE / baud \
             if baud else 0.0
         records = check["lines"]
-        cycles = c1 - c0
         return dict(family=family.name, done=done, wall=wall, floor=floor, ratio=wall / floor if floor else 0.0,
                     requests=requests, bytes=stats.get("bytes_in", 0) + stats.get("bytes_out", 0),
-                    lost=check["lost"], dup=check["dup"], files=check["files"], records=records, cpu=cpu,
+                    lost=check["lost"], dup=check["dup"], wrong=check["wrong"], files=check["files"], records=records, cpu=cpu,
                     cpu_per_1000=1000.0 * cpu / records if records else 0.0, cycles=cycles,
                     cpu_per_cycle=(t1 - t0) / cycles if cycles else 0.0, mem=mem,
                     hourly_bytes_per_record=check["hourly_bytes"] / len(want_hourly),
@@ -412,11 +451,11 @@ def many(binary, family, count, idle_seconds):
         done = wait_for(lambda: rig.filed(addresses, want_hourly[-1], want_daily[-1]), 900)
         time.sleep(5)
         mem = memory(daemon.pid)
-        c0, n0, t0 = rig.cycles(), thread_cpu_ns(daemon.pid), time.time()
-        time.sleep(idle_seconds)
+        n0, t0 = thread_cpu_ns(daemon.pid), time.time()
+        idle_cycles = rig.count_cycles(idle_seconds, 1.0)
         n1, t1 = thread_cpu_ns(daemon.pid), time.time()
         return dict(family=family.name, count=count, done=done, mem=mem, idle_cpu=(n1 - n0) / 1e9,
-                    idle_wall=t1 - t0, idle_cycles=rig.cycles() - c0, records=count * (24 + 2))
+                    idle_wall=t1 - t0, idle_cycles=idle_cycles, records=count * (24 + 2))
     finally:
         rig.stop()
 
@@ -482,11 +521,12 @@ def main():
         print("\n1. Backfill of %d days at %d baud, -v %d (load average after the paced runs %.2f %.2f %.2f)"
               % ((args.days, args.baud, LEVEL) + load_a))
         for r in paced:
-            clean = r["done"] and r["lost"] == 0 and r["dup"] == 0
+            clean = r["done"] and r["lost"] == 0 and r["dup"] == 0 and r["wrong"] == 0
             ok = ok and clean
-            print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d (%d records in %d files; "
-                  "%d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"], r["dup"],
-                                                 r["records"], r["files"], r["requests"], r["bytes"],
+            print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d, wrong %d (%d lines in %d "
+                  "files; %d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"],
+                                                       r["dup"], r["wrong"], r["records"], r["files"], r["requests"],
+                                                       r["bytes"],
                                                  "" if r["done"] else "  NOT FINISHED"))
     if cpu_runs or paced:
         print("\n2. CPU (user + system) per 1,000 archive records and per poll cycle, unpaced %d-day backfills "
