@@ -359,6 +359,7 @@ bool CConnector::WaitForBytes(int count, long timeout_us) {
     if (BaudTable().count(configured) && configured > 0) baud = configured;
   }
   const long long characterUs = 1000000LL * CharacterBits(params) / baud;
+  bool slept = false;
   for (;;) {
     if (ioctl(fd, FIONREAD, &pending) == -1) pending = 0;
     if (pending >= count) return true;
@@ -373,9 +374,12 @@ bool CConnector::WaitForBytes(int count, long timeout_us) {
       if (rc > 0 && (watch.revents & (POLLERR | POLLHUP | POLLNVAL))) return false;
       continue;
     }
-    // Part of them: the rest cannot come before its wire time.
-    const long long due = characterUs * (count - pending);
+    // Part of them: the rest cannot come before its wire time. Once that has passed
+    // (a receiver hands bytes over in pieces, a little late), look again every
+    // character time.
+    const long long due = slept ? characterUs : characterUs * (count - pending);
     SleepUs(due < left ? due : left);
+    slept = true;
   }
 }
 
