@@ -428,6 +428,7 @@ def backfill(binary, family, days, baud, verbose, steady_seconds):
         records = check["lines"]
         return dict(family=family.name, done=done, wall=wall, floor=floor, ratio=wall / floor if floor else 0.0,
                     requests=requests, bytes=stats.get("bytes_in", 0) + stats.get("bytes_out", 0),
+                    gap=stats.get("gap_seconds", 0.0), gap_long=stats.get("gaps_over_100ms", 0.0),
                     lost=check["lost"], dup=check["dup"], wrong=check["wrong"], files=check["files"], records=records, cpu=cpu,
                     cpu_per_1000=1000.0 * cpu / records if records else 0.0, cycles=cycles,
                     cpu_per_cycle=(t1 - t0) / cycles if cycles else 0.0, mem=mem,
@@ -526,8 +527,9 @@ def main():
             print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d, wrong %d (%d lines in %d "
                   "files; %d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"],
                                                        r["dup"], r["wrong"], r["records"], r["files"], r["requests"],
-                                                       r["bytes"],
-                                                 "" if r["done"] else "  NOT FINISHED"))
+                                                       r["bytes"], "" if r["done"] else "  NOT FINISHED"))
+            print("             between exchanges (answer end to next request) %.1f s, of which %.1f s in gaps over "
+                  "100 ms" % (r["gap"], r["gap_long"]))
     if cpu_runs or paced:
         print("\n2. CPU (user + system) per 1,000 archive records and per poll cycle, unpaced %d-day backfills "
               "(load average after %.2f %.2f %.2f)" % ((args.cpu_days,) + load_b))

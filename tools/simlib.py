@@ -73,7 +73,11 @@ class Stats:
         # floor_seconds: the least time the exchanges so far can take on the line: for
         # each, the wire time of request and answer, but at least the pause the protocol
         # prescribes between sending a request and reading its answer
-        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0, "floor_seconds": 0.0}
+        # gap_seconds: the time from the end of each answer (at the earliest the end of
+        # the prescribed pause) to the first byte of the next request: the master's own
+        # time between exchanges (the first request excluded)
+        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0, "floor_seconds": 0.0,
+                     "gap_seconds": 0.0, "gaps": 0, "gaps_over_100ms": 0.0}
 
     def add(self, key, n=1):
         self.data[key] += n
@@ -157,6 +161,7 @@ def serve(protocol, args):
     buf = bytearray()
     answered = 0
     arrived = time.monotonic()
+    answer_end = None
     silence = getattr(protocol, "silence_chars", 0.0)
     stats.save()
     try:
@@ -165,6 +170,13 @@ def serve(protocol, args):
             if chunk:
                 if not buf:
                     arrived = time.monotonic()  # the request starts on the wire about now
+                    if answer_end is not None:
+                        gap = arrived - answer_end
+                        stats.data["gap_seconds"] += gap
+                        stats.data["gaps"] += 1
+                        if gap > 0.1:
+                            stats.data["gaps_over_100ms"] += gap
+                        answer_end = None
                 buf += chunk
             while buf:
                 n = protocol.frame_length(buf)
@@ -182,6 +194,7 @@ def serve(protocol, args):
                 # the request's own time on the wire, then the quiet by which an RTU
                 # slave knows the request has ended
                 answer_at = arrived + (len(request) + silence) * line.byte_time()
+                paused_until = arrived + args.answer_pause  # the master reads no earlier
                 arrived = time.monotonic()  # bytes already read after this request
                 state = faults.current()
                 reply = protocol.respond(request)
@@ -202,6 +215,7 @@ def serve(protocol, args):
                     reply = protocol.corrupt_checksum(reply)
                 line.sleep_until(answer_at)
                 line.send(reply)
+                answer_end = max(time.monotonic(), paused_until)
                 stats.add("answers")
                 stats.add("bytes_out", len(reply))
                 stats.save()
