@@ -3,21 +3,24 @@
 
 For every meter family in FAMILIES whose simulator is present:
  1. Backfill: N days (default 30) of missing hourly and daily archive at 9600 baud, one
-    daemon at the production log level (-v 6) on its own paced line. Wall time against
-    the line's floor for the same exchanges (from the simulator's counters: each
+    daemon at the production log level (-v 5, as the README recommends) on its own
+    paced line. Wall time against the line's floor for the same exchanges (from the simulator's counters: each
     exchange's wire time, at least the pause the protocol prescribes, plus the RTU
     silences of Modbus families), and the records lost and filed twice, counted against
     the records the simulator held.
- 2. CPU per 1,000 archive records and per poll cycle, at -v 6 and at -v 7, from short
+ 2. CPU per 1,000 archive records and per poll cycle, at -v 5 and at -v 7, from short
     unpaced backfills followed by poll cycles (fast-forwarded clock).
  3. Bytes written to persistent storage per day in steady state, archive lines and
-    diagnostic files apart (from the paced backfill and the poll cycles after it).
+    diagnostic files apart (from the paced backfill and the poll cycles after it, and
+    from the unpaced runs at -v 5 and -v 7).
 Then for the daemon as a whole:
  4. Peak resident memory (VmHWM) and private memory, with 1 meter and with 16 meters on
     one line, and where the resident memory lies (shared libraries, thread stacks,
     heap and other anonymous memory).
  5. Idle CPU with 1 and with 16 meters, over a minute of waiting between polls (real
     time, no fast-forward).
+--parts backfill,cpu,memory,idle runs only the parts named (memory and idle share
+their runs; bytes per day come with backfill and cpu).
 """
 import argparse
 import collections
@@ -45,15 +48,16 @@ class Family:
     sim_args(hours, days, address) gives the simulator's own arguments for a meter
     holding `hours` hourly records up to the last complete hour and `days` daily
     records up to yesterday; config is the meter's entry for the configuration server
-    (besides port and period); answer_pause is the pause the protocol prescribes
-    between a request and the reading of its answer; rtu_silences is the number of
-    3.5-character silences that frame one exchange on a Modbus RTU line (request and
-    answer: 2); period is the family's usual polling period in seconds, for the bytes
-    written per day."""
+    (besides port and period); port is what its line needs besides name and speed;
+    answer_pause is the pause the protocol prescribes between a request and the reading
+    of its answer; rtu_silences is the number of 3.5-character silences that frame one
+    exchange on a Modbus RTU line (request and answer: 2); period is the family's usual
+    polling period in seconds, for the bytes written per day."""
 
-    def __init__(self, name, tool, sim_args, config, answer_pause, rtu_silences, period):
+    def __init__(self, name, tool, sim_args, config, answer_pause, rtu_silences, period, port=None):
         self.name, self.tool, self.sim_args, self.config = name, tool, sim_args, config
         self.answer_pause, self.rtu_silences, self.period = answer_pause, rtu_silences, period
+        self.port = port or {}
 
     def present(self):
         return os.path.exists(os.path.join(ROOT, "tools", self.tool))
@@ -68,11 +72,23 @@ def esko_args(hours, days, address):
     return ["--meter", "%d:mtr06:%d:%d" % (address, hours, days)]
 
 
+def modbus_args(hours, days, address):
+    return ["--address", str(address), "--hours", str(hours), "--days", str(days)]
+
+
+def modbus_config(manufacturer):
+    return lambda a: {"manufacturer": manufacturer, "serial": str(a), "heat_systems": "2",
+                      "systems": {"system_1": "1", "system_2": "1"}}
+
+
+MODBUS_PORT = {"protocol": "modbus"}
+
 FAMILIES = [
     Family("VKT-7", "vkt7_sim.py", vkt7_args, {"manufacturer": "vkt-7"}, 0.1, 0, 5400),
     Family("MTR-06", "esko_sim.py", esko_args, lambda a: {"manufacturer": "esko-mtr-06", "serial": str(a)}, 0.1, 0, 20),
-    # Modbus RTU families: floor = wire time of every byte + 2 silences per exchange, e.g.
-    # Family("TSRV-024M", "tsrv_sim.py", tsrv_args, lambda a: {...}, 0.0, 2, 20),
+    # Modbus RTU families: floor = wire time of every byte + 2 silences per exchange
+    Family("TSRV-024M", "tsrv_sim.py", modbus_args, modbus_config("tsrv-024m"), 0.0, 2, 20, MODBUS_PORT),
+    Family("Magika", "magika_sim.py", modbus_args, modbus_config("magika-axxx"), 0.0, 2, 20, MODBUS_PORT),
 ]
 
 
@@ -274,10 +290,11 @@ class Rig:
         for a in addresses:
             sim_args += family.sim_args(hours, days, a)
             config = family_config(family, a)
-            config.update(period_current=str(period), systems={"system_1": "1"},
-                          port_params={"name": link, "speed": "9600"})
+            config.setdefault("systems", {"system_1": "1"})
+            config.update(period_current=str(period), port_params=dict(family.port, name=link, speed="9600"))
             self.meters[str(a)] = config
-        extra = ["--stats", self.path("stats.json"), "--answer-pause", str(family.answer_pause)]
+        extra = ["--stats", self.path("stats.json"), "--answer-pause", str(family.answer_pause),
+                 "--held-out", self.path("held.json")]
         if baud:
             extra += ["--baud", str(baud)]
         self.procs.append(subprocess.Popen([sys.executable, os.path.join(ROOT, "tools", family.tool), "--link", link]
@@ -309,6 +326,16 @@ class Rig:
         except OSError:
             return False
 
+    def check(self, meter_time):
+        """tools/archive_check.py on meter 1 against the records the simulator holds (its
+        held-out file): {"lost", "dup", "wrong"}, or None when it gave no totals."""
+        argv = [sys.executable, os.path.join(ROOT, "tools", "archive_check.py"), "--held-out", self.path("held.json"),
+                "--storage", self.path("storage"), "--meter", "1", "--meter-time", str(int(meter_time)), "--quiet"]
+        done = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True)
+        last = done.stdout.strip().splitlines()[-1:] or [""]
+        m = re.match(r"^lost (\d+) duplicated (\d+) wrong (\d+)$", last[0])
+        return dict(lost=int(m.group(1)), dup=int(m.group(2)), wrong=int(m.group(3))) if m else None
+
     def stats(self):
         try:
             with open(self.path("stats.json")) as f:
@@ -320,12 +347,30 @@ class Rig:
         return all(read_number(self.path("storage/%s/timestamp_max_hourly" % a)) >= last_hour and
                    read_number(self.path("storage/%s/timestamp_max_daily" % a)) >= yesterday for a in addresses)
 
-    def cycles(self):
-        try:
-            with open(self.path("daemon.log"), errors="replace") as f:
-                return f.read().count("CMcdBaseDriver::functionThread end all current values.")
-        except OSError:
-            return 0
+    def newest_item(self):
+        """The newest modification time (ns) of the meters' current-value files: each
+        poll cycle writes them (stamped with the daemon's clock), whatever the log level."""
+        newest = 0
+        for dirpath, _, files in os.walk(self.path("tmp")):
+            if dirpath.endswith("tc_items"):
+                for name in files:
+                    try:
+                        newest = max(newest, os.stat(os.path.join(dirpath, name)).st_mtime_ns)
+                    except OSError:
+                        pass
+        return newest
+
+    def count_cycles(self, seconds, step=0.2):
+        """Sleeps `seconds` and counts the poll cycles meanwhile (the times the newest
+        current-value file changed; cycles are a second or more apart at the 60-fold
+        clock)."""
+        end, last, count = time.time() + seconds, self.newest_item(), 0
+        while time.time() < end:
+            time.sleep(step)
+            now = self.newest_item()
+            if now != last:
+                count, last = count + 1, now
+        return count
 
     def stop(self):
         for p in reversed(self.procs):
@@ -346,6 +391,13 @@ class Rig:
 
 # --- the measurements -----------------------------------------------------------------
 
+# Polling period of the paced backfills: above 600 s the daemon reads the archives in its
+# first cycle (at 600 s and below it holds them back 600 s of meter time, 10 s of wall
+# time at the 60-fold clock, which are no line time).
+PACED_PERIOD = 601
+CPU_PERIOD = 60
+
+
 def backfill(binary, family, days, baud, verbose, steady_seconds):
     """One meter with `days` of missing archive; wall time to file it all, the floor,
     lost and duplicated records, CPU, memory, bytes written; then poll cycles."""
@@ -354,26 +406,30 @@ def backfill(binary, family, days, baud, verbose, steady_seconds):
         now = time.time()
         want_hourly, want_daily = local_hours_back(now, days * 24), local_days_back(now, days)
         started = time.time()
-        daemon = rig.start(family, [1], days * 24, days, baud, 60, 60, verbose)
+        period = PACED_PERIOD if baud else CPU_PERIOD
+        daemon = rig.start(family, [1], days * 24, days, baud, period, 60, verbose)
         done = wait_for(lambda: rig.filed([1], want_hourly[-1], want_daily[-1]), 3 * 3600)
         wall = time.time() - started
         cpu = cpu_seconds(daemon.pid)
         stats = rig.stats()
         check = check_archives(rig.path("storage"), "1", want_hourly, want_daily)
+        # lost and duplicated against the records the meter held when the run began
+        held = rig.check(now)
+        check.update(held if held else dict(lost=-1, dup=-1, wrong=-1))
         diag_backfill = diag_bytes(rig.path("storage"))
-        # poll cycles once everything is filed (period 60 s, fast-forwarded 60 times)
-        c0, t0, d0 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
-        time.sleep(steady_seconds)
-        c1, t1, d1 = rig.cycles(), cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        # poll cycles once everything is filed (fast-forwarded 60 times)
+        t0, d0 = cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
+        cycles = rig.count_cycles(steady_seconds)
+        t1, d1 = cpu_seconds(daemon.pid), diag_bytes(rig.path("storage"))
         mem = memory(daemon.pid)
         requests = stats.get("requests", 0)
         floor = stats.get("floor_seconds", 0.0) + requests * family.rtu_silences * 3.5 * BITS_PER_BYTE / baud \
             if baud else 0.0
         records = check["lines"]
-        cycles = c1 - c0
         return dict(family=family.name, done=done, wall=wall, floor=floor, ratio=wall / floor if floor else 0.0,
                     requests=requests, bytes=stats.get("bytes_in", 0) + stats.get("bytes_out", 0),
-                    lost=check["lost"], dup=check["dup"], files=check["files"], records=records, cpu=cpu,
+                    gap=stats.get("gap_seconds", 0.0), gap_long=stats.get("gaps_over_100ms", 0.0),
+                    lost=check["lost"], dup=check["dup"], wrong=check["wrong"], files=check["files"], records=records, cpu=cpu,
                     cpu_per_1000=1000.0 * cpu / records if records else 0.0, cycles=cycles,
                     cpu_per_cycle=(t1 - t0) / cycles if cycles else 0.0, mem=mem,
                     hourly_bytes_per_record=check["hourly_bytes"] / len(want_hourly),
@@ -392,15 +448,15 @@ def many(binary, family, count, idle_seconds):
         now = time.time()
         want_hourly, want_daily = local_hours_back(now, 24), local_days_back(now, 2)
         addresses = list(range(1, count + 1))
-        daemon = rig.start(family, addresses, 24, 2, 0, 3600, 0, 6)
+        daemon = rig.start(family, addresses, 24, 2, 0, 3600, 0, LEVEL)
         done = wait_for(lambda: rig.filed(addresses, want_hourly[-1], want_daily[-1]), 900)
         time.sleep(5)
         mem = memory(daemon.pid)
-        c0, n0, t0 = rig.cycles(), thread_cpu_ns(daemon.pid), time.time()
-        time.sleep(idle_seconds)
+        n0, t0 = thread_cpu_ns(daemon.pid), time.time()
+        idle_cycles = rig.count_cycles(idle_seconds, 1.0)
         n1, t1 = thread_cpu_ns(daemon.pid), time.time()
         return dict(family=family.name, count=count, done=done, mem=mem, idle_cpu=(n1 - n0) / 1e9,
-                    idle_wall=t1 - t0, idle_cycles=rig.cycles() - c0, records=count * (24 + 2))
+                    idle_wall=t1 - t0, idle_cycles=idle_cycles, records=count * (24 + 2))
     finally:
         rig.stop()
 
@@ -415,6 +471,10 @@ def kib(value):
     return "%.1f MiB" % (value / 1024.0)
 
 
+PARTS = ("backfill", "cpu", "memory", "idle")
+LEVEL = 5  # the production log level the README recommends
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--binary", default=os.path.join(ROOT, "build/bench/mcd_main"))
@@ -424,74 +484,95 @@ def main():
     parser.add_argument("--steady-seconds", type=int, default=30, help="real seconds of poll cycles after a backfill")
     parser.add_argument("--idle-seconds", type=int, default=60)
     parser.add_argument("--families", default="", help="comma-separated family names (default: every present one)")
+    parser.add_argument("--parts", default=",".join(PARTS),
+                        help="comma-separated parts to run: %s (default: all)" % ", ".join(PARTS))
     args = parser.parse_args()
+    parts = set(p.strip() for p in args.parts.split(",") if p.strip())
+    if not parts <= set(PARTS):
+        parser.error("unknown part(s): %s" % ", ".join(sorted(parts - set(PARTS))))
 
     families = [f for f in FAMILIES if f.present() and (not args.families or f.name in args.families.split(","))]
     memory_family = next(f for f in families if f.name == "MTR-06") if any(
         f.name == "MTR-06" for f in families) else families[0]
     started = time.time()
     print("machine: %d cores; load average at the start %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
-    print("families: %s" % ", ".join(f.name for f in families))
+    print("families: %s; parts: %s" % (", ".join(f.name for f in families), ", ".join(p for p in PARTS if p in parts)))
 
     # Paced backfills and the real-time idle runs together: they wait on the line and on
     # the clock, not on the processor.
-    jobs = [(backfill, args.binary, f, args.days, args.baud, 6, args.steady_seconds) for f in families]
-    jobs += [(many, args.binary, memory_family, n, args.idle_seconds) for n in (1, 16)]
-    results = pool_run(jobs, len(jobs))
-    paced, fleets = results[:len(families)], results[len(families):]
+    jobs = []
+    if "backfill" in parts:
+        jobs += [(backfill, args.binary, f, args.days, args.baud, LEVEL, args.steady_seconds) for f in families]
+    if parts & {"memory", "idle"}:
+        jobs += [(many, args.binary, memory_family, n, args.idle_seconds) for n in (1, 16)]
+    results = pool_run(jobs, len(jobs)) if jobs else []
+    paced = results[:len(families)] if "backfill" in parts else []
+    fleets = results[len(paced):]
     load_a = os.getloadavg()
     # Unpaced short backfills at both log levels, one at a time: they measure processor time.
     cpu_runs = {}
-    for f in families:
-        for level in (6, 7):
-            cpu_runs[(f.name, level)] = backfill(args.binary, f, args.cpu_days, 0, level, args.steady_seconds)
+    if "cpu" in parts:
+        for f in families:
+            for level in (LEVEL, 7):
+                cpu_runs[(f.name, level)] = backfill(args.binary, f, args.cpu_days, 0, level, args.steady_seconds)
     load_b = os.getloadavg()
 
     ok = True
-    print("\n1. Backfill of %d days at %d baud, -v 6 (load average after the paced runs %.2f %.2f %.2f)"
-          % ((args.days, args.baud) + load_a))
-    for r in paced:
-        clean = r["done"] and r["lost"] == 0 and r["dup"] == 0
-        ok = ok and clean
-        print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d (%d records in %d files; "
-              "%d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"], r["dup"],
-                                             r["records"], r["files"], r["requests"], r["bytes"],
-                                             "" if r["done"] else "  NOT FINISHED"))
-    print("\n2. CPU (user + system) per 1,000 archive records and per poll cycle, unpaced %d-day backfills "
-          "(load average after %.2f %.2f %.2f)" % ((args.cpu_days,) + load_b))
-    for f in families:
-        for level in (6, 7):
+    if paced:
+        print("\n1. Backfill of %d days at %d baud, -v %d (load average after the paced runs %.2f %.2f %.2f)"
+              % ((args.days, args.baud, LEVEL) + load_a))
+        for r in paced:
+            clean = r["done"] and r["lost"] == 0 and r["dup"] == 0 and r["wrong"] == 0
+            ok = ok and clean
+            print("   %-9s wall %6.1f s, floor %6.1f s, ratio %.3f; lost %d, duplicated %d, wrong %d (%d lines in %d "
+                  "files; %d exchanges, %d bytes)%s" % (r["family"], r["wall"], r["floor"], r["ratio"], r["lost"],
+                                                       r["dup"], r["wrong"], r["records"], r["files"], r["requests"],
+                                                       r["bytes"], "" if r["done"] else "  NOT FINISHED"))
+            print("             between exchanges (answer end to next request) %.1f s, of which %.1f s in gaps over "
+                  "100 ms" % (r["gap"], r["gap_long"]))
+    if cpu_runs or paced:
+        print("\n2. CPU (user + system) per 1,000 archive records and per poll cycle, unpaced %d-day backfills "
+              "(load average after %.2f %.2f %.2f)" % ((args.cpu_days,) + load_b))
+    for f in families if cpu_runs else []:
+        for level in (LEVEL, 7):
             r = cpu_runs[(f.name, level)]
             ok = ok and r["done"] and r["lost"] == 0 and r["dup"] == 0
             print("   %-9s -v %d: %5.1f ms per 1,000 records (%d records, %.2f s), %5.1f ms per poll cycle (%d cycles); "
                   "lost %d, duplicated %d" % (f.name, level, r["cpu_per_1000"] * 1000, r["records"], r["cpu"],
                                               r["cpu_per_cycle"] * 1000, r["cycles"], r["lost"], r["dup"]))
     for r in paced:
-        print("   %-9s -v 6 paced: %5.1f ms per 1,000 records, %5.1f ms per poll cycle" % (
-            r["family"], r["cpu_per_1000"] * 1000, r["cpu_per_cycle"] * 1000))
-    print("\n3. Bytes written to persistent storage per day in steady state, one meter")
-    for r, f in zip(paced, families):
-        lines = 24 * r["hourly_bytes_per_record"] + r["daily_bytes_per_record"]
-        diag = 25 * r["diag_per_record"] + 86400.0 / f.period * r["diag_per_cycle"]
-        print("   %-9s archive lines %8.0f bytes (24 hourly records x %.0f + 1 daily x %.0f); diagnostic files "
-              "%6.0f bytes (%.1f per archive record, %.1f per poll cycle at a %d s period)" % (
-                  f.name, lines, r["hourly_bytes_per_record"], r["daily_bytes_per_record"], diag,
-                  r["diag_per_record"], r["diag_per_cycle"], f.period))
-    print("\n4. Memory (%s meters, unpaced line, after all were filed)" % memory_family.name)
-    for r in fleets:
-        m = r["mem"]
-        print("   %2d meter%s: peak resident %s (%d KiB), private %s now; resident now %s = %s; %d threads%s" % (
-            r["count"], "s" if r["count"] > 1 else " ", kib(m["hwm"]), m["hwm"], kib(m["private"]), kib(m["rss"]),
-            ", ".join("%s %s" % (k, kib(v)) for k, v in sorted(m["kinds"].items(), key=lambda kv: -kv[1])),
-            m["threads"], "" if r["done"] else "  (not all filed)"))
-    for r in paced:
-        print("   %-9s paced backfill: peak resident %s, private %s" % (r["family"], kib(r["mem"]["hwm"]),
-                                                                       kib(r["mem"]["private"])))
-    print("\n5. Idle (real time, polling period 3600 s)")
-    for r in fleets:
-        print("   %2d meter%s: %.1f ms CPU over %.0f s (%.3f %% of one core, %d poll cycles meanwhile)" % (
-            r["count"], "s" if r["count"] > 1 else " ", r["idle_cpu"] * 1000, r["idle_wall"],
-            100.0 * r["idle_cpu"] / r["idle_wall"], r["idle_cycles"]))
+        print("   %-9s -v %d paced: %5.1f ms per 1,000 records, %5.1f ms per poll cycle; lost %d, duplicated %d" % (
+            r["family"], LEVEL, r["cpu_per_1000"] * 1000, r["cpu_per_cycle"] * 1000, r["lost"], r["dup"]))
+    if paced or cpu_runs:
+        print("\n3. Bytes written to persistent storage per day in steady state, one meter")
+    for f in families:
+        rows = [("-v %d paced" % LEVEL, r) for r in paced if r["family"] == f.name]
+        rows += [("-v %d unpaced" % level, cpu_runs[(f.name, level)]) for level in (LEVEL, 7) if cpu_runs]
+        for label, r in rows:
+            lines = 24 * r["hourly_bytes_per_record"] + r["daily_bytes_per_record"]
+            diag = 25 * r["diag_per_record"] + 86400.0 / f.period * r["diag_per_cycle"]
+            print("   %-9s %-13s archive lines %8.0f bytes (24 hourly records x %.0f + 1 daily x %.0f); diagnostic "
+                  "files %6.0f bytes (%.1f per archive record, %.1f per poll cycle at a %d s period); lost %d, "
+                  "duplicated %d" % (f.name, label, lines, r["hourly_bytes_per_record"], r["daily_bytes_per_record"],
+                                     diag, r["diag_per_record"], r["diag_per_cycle"], f.period, r["lost"], r["dup"]))
+    if "memory" in parts:
+        print("\n4. Memory (%s meters, unpaced line, after all were filed)" % memory_family.name)
+        for r in fleets:
+            m = r["mem"]
+            print("   %2d meter%s: peak resident %s (%d KiB), private %s now; resident now %s = %s; %d threads%s" % (
+                r["count"], "s" if r["count"] > 1 else " ", kib(m["hwm"]), m["hwm"], kib(m["private"]),
+                kib(m["rss"]), ", ".join("%s %s" % (k, kib(v)) for k, v in sorted(m["kinds"].items(),
+                                                                                   key=lambda kv: -kv[1])),
+                m["threads"], "" if r["done"] else "  (not all filed)"))
+        for r in paced:
+            print("   %-9s paced backfill: peak resident %s, private %s" % (r["family"], kib(r["mem"]["hwm"]),
+                                                                           kib(r["mem"]["private"])))
+    if "idle" in parts:
+        print("\n5. Idle (real time, polling period 3600 s)")
+        for r in fleets:
+            print("   %2d meter%s: %.1f ms CPU over %.0f s (%.3f %% of one core, %d poll cycles meanwhile)" % (
+                r["count"], "s" if r["count"] > 1 else " ", r["idle_cpu"] * 1000, r["idle_wall"],
+                100.0 * r["idle_cpu"] / r["idle_wall"], r["idle_cycles"]))
     print("\nload average at the end %.2f %.2f %.2f; %.0f s in all" % (os.getloadavg() + (time.time() - started,)))
     return 0 if ok else 1
 

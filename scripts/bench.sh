@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds mcd_main (build/bench, release build with debug information) and runs the
 # benchmarks; extra arguments go to bench/run_bench.py (e.g. --days 7 for a shorter
-# backfill, --families VKT-7 for one family). About 25 minutes with the defaults.
+# backfill, --families VKT-7 for one family, --parts backfill for one part). About 25
+# minutes with the defaults.
 set -e
 cd "$(dirname "$0")/.."
 scripts/setup.sh

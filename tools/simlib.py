@@ -73,7 +73,11 @@ class Stats:
         # floor_seconds: the least time the exchanges so far can take on the line: for
         # each, the wire time of request and answer, but at least the pause the protocol
         # prescribes between sending a request and reading its answer
-        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0, "floor_seconds": 0.0}
+        # gap_seconds: the time from the end of each answer (at the earliest the end of
+        # the prescribed pause) to the first byte of the next request: the master's own
+        # time between exchanges (the first request excluded)
+        self.data = {"requests": 0, "answers": 0, "bytes_in": 0, "bytes_out": 0, "floor_seconds": 0.0,
+                     "gap_seconds": 0.0, "gaps": 0, "gaps_over_100ms": 0.0}
 
     def add(self, key, n=1):
         self.data[key] += n
@@ -107,20 +111,30 @@ class Line:
     def byte_time(self):
         return 10.0 / self.baud if self.baud > 0 else 0.0
 
-    def pace(self, nbytes):
-        if self.baud > 0:
-            time.sleep(nbytes * self.byte_time())
+    @staticmethod
+    def sleep_until(deadline):
+        """Sleeps to an absolute monotonic deadline: an overslept sleep is not carried
+        into the next one, as a UART's clock does not drift with the simulator's."""
+        while True:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return
+            time.sleep(left)
 
-    def send(self, data):
-        if self.baud > 0:
-            # a few bytes at a time, each chunk taking its wire time
-            chunk = max(1, self.baud // 1000)
-            for i in range(0, len(data), chunk):
-                piece = data[i:i + chunk]
-                os.write(self.master, piece)
-                self.pace(len(piece))
-        else:
+    def send(self, data, start=None):
+        """Hands data to the line as a UART would: each piece when its last byte has
+        crossed the wire, counted from start (default: now). Returns when the last byte
+        is through."""
+        if self.baud <= 0:
             os.write(self.master, data)
+            return
+        start = time.monotonic() if start is None else start
+        # pieces of 8 bytes at 9600 baud, as a UART's receive FIFO hands them over
+        chunk = max(1, self.baud // 1200)
+        for i in range(0, len(data), chunk):
+            piece = data[i:i + chunk]
+            self.sleep_until(start + (i + len(piece)) * self.byte_time())
+            os.write(self.master, piece)
 
     def read_some(self, timeout):
         ready, _, _ = select.select([self.master], [], [], timeout)
@@ -146,11 +160,23 @@ def serve(protocol, args):
     rng = random.Random(args.seed)
     buf = bytearray()
     answered = 0
+    arrived = time.monotonic()
+    answer_end = None
+    silence = getattr(protocol, "silence_chars", 0.0)
     stats.save()
     try:
         while True:
             chunk = line.read_some(0.5)
             if chunk:
+                if not buf:
+                    arrived = time.monotonic()  # the request starts on the wire about now
+                    if answer_end is not None:
+                        gap = arrived - answer_end
+                        stats.data["gap_seconds"] += gap
+                        stats.data["gaps"] += 1
+                        if gap > 0.1:
+                            stats.data["gaps_over_100ms"] += gap
+                        answer_end = None
                 buf += chunk
             while buf:
                 n = protocol.frame_length(buf)
@@ -165,7 +191,11 @@ def serve(protocol, args):
                 del buf[:n]
                 stats.add("requests")
                 stats.add("bytes_in", len(request))
-                line.pace(len(request))  # the request's own time on the wire
+                # the request's own time on the wire, then the quiet by which an RTU
+                # slave knows the request has ended
+                answer_at = arrived + (len(request) + silence) * line.byte_time()
+                paused_until = arrived + args.answer_pause  # the master reads no earlier
+                arrived = time.monotonic()  # bytes already read after this request
                 state = faults.current()
                 reply = protocol.respond(request)
                 wire_baud = args.baud if args.baud > 0 else 9600
@@ -183,7 +213,9 @@ def serve(protocol, args):
                     reply = bytes(rng.randrange(256) for _ in range(len(reply)))
                 elif state["bad_checksum"]:
                     reply = protocol.corrupt_checksum(reply)
+                line.sleep_until(answer_at)
                 line.send(reply)
+                answer_end = max(time.monotonic(), paused_until)
                 stats.add("answers")
                 stats.add("bytes_out", len(reply))
                 stats.save()

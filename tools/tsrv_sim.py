@@ -36,6 +36,9 @@ RECORD = 172
 
 
 class Tsrv:
+    # an RTU slave takes a request as ended after 3.5 characters of quiet
+    silence_chars = 3.5
+
     @staticmethod
     def add_arguments(parser):
         parser.add_argument("--address", type=int, default=1)

@@ -1,6 +1,8 @@
 #include "transport/connector.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "app/clock.h"
 #include "log/logger.h"
@@ -306,6 +309,77 @@ int CConnector::ReadBufferCycle(unsigned char* buf, unsigned short len, bool led
     if (n == remaining) return total;
     p += n;
     remaining = static_cast<unsigned short>(remaining - n);
+  }
+}
+
+namespace {
+
+long long NowUs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+void SleepUs(long long us) {
+  if (us <= 0) return;
+  struct timespec ts;
+  ts.tv_sec = static_cast<time_t>(us / 1000000);
+  ts.tv_nsec = static_cast<long>(us % 1000000) * 1000;
+  while (nanosleep(&ts, &ts) == -1 && errno == EINTR) {
+  }
+}
+
+// Bits of one character on the line: start bit, data bits, parity, stop bits.
+int CharacterBits(const std::map<std::string, std::string>& params) {
+  int bits = 1 + 8 + 1;
+  if (const std::string* value = Find(params, "data")) {
+    const int data = atoi(value->c_str());
+    if (data >= 5 && data <= 7) bits = 1 + data + 1;
+  }
+  const std::string* parity = Find(params, "parity");
+  if (parity && (*parity == "E" || *parity == "O")) ++bits;
+  const std::string* stop = Find(params, "stop");
+  if (stop && *stop == "2") ++bits;
+  return bits;
+}
+
+}  // namespace
+
+bool CConnector::WaitForBytes(int count, long timeout_us) {
+  const long long deadline = NowUs() + (timeout_us > 0 ? timeout_us : 0);
+  int pending = 0;
+  if (fd < 0 || ioctl(fd, FIONREAD, &pending) == -1) {
+    // A descriptor that cannot tell its waiting bytes: the whole time.
+    if (timeout_us > 0) usleep(static_cast<useconds_t>(timeout_us));
+    return false;
+  }
+  int baud = 9600;
+  if (const std::string* value = Find(params, "speed")) {
+    const int configured = atoi(value->c_str());
+    if (BaudTable().count(configured) && configured > 0) baud = configured;
+  }
+  const long long characterUs = 1000000LL * CharacterBits(params) / baud;
+  bool slept = false;
+  for (;;) {
+    if (ioctl(fd, FIONREAD, &pending) == -1) pending = 0;
+    if (pending >= count) return true;
+    const long long left = deadline - NowUs();
+    if (left <= 0) return false;
+    if (pending == 0) {
+      // Nothing yet: sleep until the first byte comes (or the time is up).
+      struct pollfd watch = {fd, POLLIN, 0};
+      struct timespec ts = {static_cast<time_t>(left / 1000000), static_cast<long>(left % 1000000) * 1000};
+      const int rc = ppoll(&watch, 1, &ts, nullptr);
+      if (rc == -1 && errno != EINTR) return false;
+      if (rc > 0 && (watch.revents & (POLLERR | POLLHUP | POLLNVAL))) return false;
+      continue;
+    }
+    // Part of them: the rest cannot come before its wire time. Once that has passed
+    // (a receiver hands bytes over in pieces, a little late), look again every
+    // character time.
+    const long long due = slept ? characterUs : characterUs * (count - pending);
+    SleepUs(due < left ? due : left);
+    slept = true;
   }
 }
 

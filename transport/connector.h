@@ -25,6 +25,10 @@ class CConnector {
   virtual int WriteBuffer(const unsigned char* buf, unsigned short len, bool led);
   virtual int ReadBuffer(unsigned char* buf, unsigned short len, bool led);
   virtual int ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int timeout_ms = 0);
+  // Waits until at least count bytes are waiting to be read, or timeout_us passes;
+  // true when they are there. Nothing is read and nothing is logged. On a descriptor
+  // that cannot tell its waiting bytes (none, not a terminal) it waits the whole time.
+  virtual bool WaitForBytes(int count, long timeout_us);
   virtual bool open_device();
   virtual void close_device();
   virtual int flush();

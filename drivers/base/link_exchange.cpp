@@ -3,6 +3,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "drivers/base/exceptions.h"
@@ -25,6 +27,19 @@ void Pause(long us) {
 }
 
 }  // namespace
+
+int LineSpeed(const CConnector* connector) {
+  if (connector == nullptr) return 9600;
+  auto found = connector->GetParams().find("speed");
+  const int baud = found == connector->GetParams().end() ? 0 : atoi(found->second.c_str());
+  return baud > 0 ? baud : 9600;
+}
+
+// 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
+long LinkPolicy::PartialReadPauseUs(int bytesDue) const {
+  const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / (baud > 0 ? baud : 9600);
+  return static_cast<long>(wire + wire / 10 + 20000);
+}
 
 LinkReply RunAttempts(const RetryPolicy& policy, CConnector& connector, const unsigned char* frame,
                       const std::function<LinkReply(int)>& attempt) {
@@ -120,7 +135,8 @@ bool LinkExchange::ReadCount(unsigned char* dest, int count) {
     }
     if (got == count) return true;
     if (!texts.readPartial.empty()) LOG_WARNING(texts.readPartial.c_str(), got, count);
-    Pause(m_policy.PartialReadPauseUs(count - got));
+    // Ends as soon as the rest is there; at the latest after its wire time and a margin.
+    m_connector->WaitForBytes(count - got, m_policy.PartialReadPauseUs(count - got));
   }
 }
 

@@ -17,7 +17,9 @@
 //   - ViewLength(...): how much of the answer the caller sees;
 //   - AfterFailure(event, frame, connector): the pauses, flushes and lines that follow
 //     a failure;
-//   - PartialReadPauseUs(bytesDue): the wait after a read that brought too few bytes;
+//   - baud (the line's speed, LineSpeed(connector)) and PartialReadPauseUs(bytesDue): the
+//     longest wait after a read that brought too few bytes; the wait ends as soon as
+//     the bytes due are there (CConnector::WaitForBytes);
 //   - Trace(step, ...): debug lines and dumps at the steps of an exchange.
 // Then LinkExchange(connector, led, policy).Exchange(frame, ...) runs one exchange.
 //
@@ -99,6 +101,7 @@ class LinkPolicy : public RetryPolicy {
   unsigned pauseBeforeWriteUs = 0;
   unsigned pauseAfterWriteUs = 100000;
   int readLimitSeconds = 0;  // 0: a read ends only on the connector's time-out
+  int baud = 9600;           // the line's speed, for the wait after a partial read
 
   virtual int HeaderLength(const unsigned char* frame, int frameLength) const = 0;
   virtual int RestLength(const unsigned char* frame, const unsigned char* header) const = 0;
@@ -111,11 +114,15 @@ class LinkPolicy : public RetryPolicy {
   // (ESKO's one-byte answer takes the request's header).
   virtual int Verdict(const unsigned char* frame, unsigned char* reply, int length, const char* funcName) const = 0;
   virtual int ViewLength(const unsigned char* reply, int length) const { return length; }
-  virtual long PartialReadPauseUs(int bytesDue) const { return 100000; }
+  // The wire time of the bytes due at 10 bits a byte, + 10 % + 20 ms.
+  virtual long PartialReadPauseUs(int bytesDue) const;
   // kWrite: the frame; kHeader: the header; kReply: the whole answer; kDone: the
   // verdict in count (not traced for a verdict that is about to throw).
   virtual void Trace(LinkStep step, const unsigned char* bytes, int count) const {}
 };
+
+// The configured "speed" of the connector's line; 9600 when there is none.
+int LineSpeed(const CConnector* connector);
 
 // Runs attempt(n) for n = 0 .. attempts-1 until one returns. CWrongPacketException
 // from an attempt: AfterFailure(kResend), the resend line, the next attempt.

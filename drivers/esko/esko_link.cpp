@@ -49,9 +49,10 @@ const mcd::MeterFamily kTM3EFamily = {&TM3EFailure};
 // followed by 500 ms, a flush of the line and a cleared receive buffer.
 class CEskoLowLevelConnector::Policy : public mcd::LinkPolicy {
  public:
-  Policy(const char* prefix, const char* rawLog, const char* debugLog)
+  Policy(const char* prefix, const char* rawLog, const char* debugLog, int lineSpeed)
       : m_prefix(prefix), m_rawLog(mcd::paths::Storage(rawLog)), m_debugLog(mcd::paths::Storage(debugLog)) {
     attempts = 5;
+    baud = lineSpeed;
     pauseAfterWriteUs = 100000;
     readLimitSeconds = 5;
     texts.shortWrite = Texted(prefix, "SendString failed - Sent not full string\r");
@@ -105,8 +106,6 @@ class CEskoLowLevelConnector::Policy : public mcd::LinkPolicy {
     connector.flush();
   }
 
-  long PartialReadPauseUs(int) const override { return 10000; }
-
   void Trace(mcd::LinkStep step, const unsigned char* bytes, int count) const override {
     if (step == mcd::LinkStep::kWrite) {
       LOG_DUMP(Texted(m_prefix, "WriteBuffer: \r\n").c_str(), bytes, static_cast<size_t>(count));
@@ -152,7 +151,7 @@ class CEskoLowLevelConnector::Policy : public mcd::LinkPolicy {
 
 CEskoLowLevelConnector::CEskoLowLevelConnector(CConnector* connector, bool led, const char* prefix,
                                                const char* rawLog, const char* debugLog)
-    : m_bLed(led), m_policy(new Policy(prefix, rawLog, debugLog)), m_exchange(connector, false, *m_policy) {
+    : m_bLed(led), m_policy(new Policy(prefix, rawLog, debugLog, mcd::LineSpeed(connector))), m_exchange(connector, false, *m_policy) {
   std::memset(m_send, 0, sizeof m_send);
 }
 

@@ -47,19 +47,13 @@ CVKT7Buffer::CVKT7Buffer(const unsigned char* data, int count) : mcd::CMeterBuff
 
 namespace {
 
-int LineSpeed(const CConnector* connector) {
-  if (connector == nullptr) return 9600;
-  auto found = connector->GetParams().find("speed");
-  const int baud = found == connector->GetParams().end() ? 0 : atoi(found->second.c_str());
-  return baud > 0 ? baud : 9600;
-}
-
 // Answers: FF FF is not echoed; address, type, count or register, data, CRC-16 over
 // everything before it (low byte first). Error answers (type 0x83 or 0x90) carry one
 // byte, the error code.
 class Vkt7Policy : public mcd::LinkPolicy {
  public:
-  explicit Vkt7Policy(int baud) : m_baud(baud) {
+  explicit Vkt7Policy(int lineSpeed) {
+    baud = lineSpeed;
     flushBeforeSend = true;
     texts.shortWrite = "CVKT7LowLevelConnector::SendString - Sended not full string";
     texts.readFailed =
@@ -101,21 +95,12 @@ class Vkt7Policy : public mcd::LinkPolicy {
   }
 
   int ViewLength(const unsigned char* reply, int) const override { return reply[2] + 3; }
-
-  // 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
-  long PartialReadPauseUs(int bytesDue) const override {
-    const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / m_baud;
-    return static_cast<long>(wire + wire / 10 + 20000);
-  }
-
- private:
-  int m_baud;
 };
 
 }  // namespace
 
 CVKT7LowLevelConnector::CVKT7LowLevelConnector(CConnector* connector, bool led)
-    : m_policy(new Vkt7Policy(LineSpeed(connector))), m_exchange(new mcd::LinkExchange(connector, led, *m_policy)) {}
+    : m_policy(new Vkt7Policy(mcd::LineSpeed(connector))), m_exchange(new mcd::LinkExchange(connector, led, *m_policy)) {}
 
 CVKT7LowLevelConnector::~CVKT7LowLevelConnector() = default;
 

@@ -148,7 +148,9 @@ class Vkt9Policy : public mcd::LinkPolicy {
 }  // namespace
 
 CVKT9LowLevelConnector::CVKT9LowLevelConnector(CConnector* connector, bool led)
-    : m_policy(new Vkt9Policy()), m_exchange(new mcd::LinkExchange(connector, led, *m_policy)) {}
+    : m_policy(new Vkt9Policy()), m_exchange(new mcd::LinkExchange(connector, led, *m_policy)) {
+  m_policy->baud = mcd::LineSpeed(connector);
+}
 
 CVKT9LowLevelConnector::~CVKT9LowLevelConnector() = default;
 

@@ -144,3 +144,29 @@ TEST_F(ConnectorTest, OneConnectorALineFlushAndReadsInPieces) {
 }
 
 }  // namespace
+
+namespace {
+
+// The wait after a short read ends as soon as the bytes due are there, not at its
+// time-out; bytes that do not come cost the whole time-out.
+TEST_F(ConnectorTest, WaitForBytesEndsWhenTheBytesAreThere) {
+  auto c = Open({});
+  std::thread meter([&] {
+    pty.Write({0x11});
+    std::this_thread::sleep_for(milliseconds(100));
+    pty.Write({0x22, 0x33, 0x44});
+  });
+  auto start = steady_clock::now();
+  EXPECT_TRUE(c->WaitForBytes(4, 3000000));
+  EXPECT_GE(SecondsSince(start), 0.09);
+  EXPECT_LT(SecondsSince(start), 1.0);
+  meter.join();
+  start = steady_clock::now();
+  EXPECT_FALSE(c->WaitForBytes(5, 300000));
+  EXPECT_GE(SecondsSince(start), 0.29);
+  EXPECT_LT(SecondsSince(start), 2.0);
+  unsigned char in[8] = {0};
+  EXPECT_EQ(4, c->ReadBuffer(in, 8, false));
+}
+
+}  // namespace
