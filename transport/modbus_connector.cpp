@@ -3,6 +3,7 @@
 #include "transport/serial_lock.h"
 
 #include <sys/select.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -72,6 +73,10 @@ bool CModbusConnector::open_device() {
     ctx = nullptr;
   }
 
+  // 3.5 characters of start, data, parity and stop bits; a fixed 1750 us above 19200 baud
+  const int bitsPerChar = 1 + dataBits + (parity == 'N' ? 0 : 1) + stopBits;
+  m_frameGapUs = baud > 19200 || baud <= 0 ? 1750 : static_cast<long>(35LL * bitsPerChar * 1000000 / (10LL * baud));
+
   modbus_t* created = modbus_new_rtu(device.c_str(), baud, parity, dataBits, stopBits);
   if (!created) {
     LOG_CRIT("CModbusConnector::open_device - Unable to allocate libmodbus context and open device %s.",
@@ -100,6 +105,34 @@ bool CModbusConnector::open_device() {
     ctx = created;
   }
   return true;
+}
+
+namespace {
+
+long long MonotonicMicros() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+}  // namespace
+
+void CModbusConnector::KeepFrameGap() {
+  if (m_lastEndUs == 0) return;
+  const long long due = m_lastEndUs + m_frameGapUs;
+  for (long long now = MonotonicMicros(); now < due; now = MonotonicMicros()) usleep(static_cast<useconds_t>(due - now));
+}
+
+void CModbusConnector::EndTransaction() { m_lastEndUs = MonotonicMicros(); }
+
+ModbusTransaction::ModbusTransaction(CModbusConnector& connector) : m_connector(connector) {
+  pthread_mutex_lock(m_connector.GetMutex());
+  m_connector.KeepFrameGap();
+}
+
+ModbusTransaction::~ModbusTransaction() {
+  m_connector.EndTransaction();
+  pthread_mutex_unlock(m_connector.GetMutex());
 }
 
 namespace {
@@ -186,25 +219,25 @@ void CModbusMeterLink::Fail(const char* what) {
 }
 
 void CModbusMeterLink::ReadInput(uint16_t address, int count, uint16_t* out) {
-  ModbusLock lock(*m_connector);
+  ModbusTransaction transaction(*m_connector);
   modbus_t* ctx = Context();
   if (modbus_read_input_registers(ctx, address, count, out) != count) Fail("ReadInput");
 }
 
 void CModbusMeterLink::WriteRegister(uint16_t address, uint16_t value) {
-  ModbusLock lock(*m_connector);
+  ModbusTransaction transaction(*m_connector);
   modbus_t* ctx = Context();
   if (modbus_write_register(ctx, address, value) != 1) Fail("WriteRegister");
 }
 
 void CModbusMeterLink::WriteRegisters(uint16_t address, int count, const uint16_t* values) {
-  ModbusLock lock(*m_connector);
+  ModbusTransaction transaction(*m_connector);
   modbus_t* ctx = Context();
   if (modbus_write_registers(ctx, address, count, values) != count) Fail("WriteRegisters");
 }
 
 int CModbusMeterLink::ReportSlaveId(uint8_t* out, int capacity) {
-  ModbusLock lock(*m_connector);
+  ModbusTransaction transaction(*m_connector);
   modbus_t* ctx = Context();
   const int n = modbus_report_slave_id(ctx, capacity, out);
   if (n < 0) Fail("ReportSlaveId");
@@ -213,7 +246,7 @@ int CModbusMeterLink::ReportSlaveId(uint8_t* out, int capacity) {
 
 int CModbusMeterLink::Raw(const uint8_t* request, int length, uint8_t* answer, int capacity,
                           const CModbusConnector::FrameLength& frameLength) {
-  ModbusLock lock(*m_connector);
+  ModbusTransaction transaction(*m_connector);
   modbus_t* ctx = Context();
   (void)ctx;
   const uint8_t function = request[1];

@@ -42,8 +42,31 @@ class CModbusConnector : public CConnector {
   // Call under the connector's mutex.
   int RawExchange(const uint8_t* request, int length, uint8_t* answer, int capacity, const FrameLength& frameLength);
 
+  // RTU frames are set apart by at least 3.5 character times of quiet (1750 us above
+  // 19200 baud). KeepFrameGap waits until that much time has passed since the end of
+  // the previous transaction; EndTransaction marks that end. Call under the mutex.
+  void KeepFrameGap();
+  void EndTransaction();
+  long FrameGapMicros() const { return m_frameGapUs; }
+
  private:
   modbus_t* ctx = nullptr;
+  long m_frameGapUs = 0;
+  long long m_lastEndUs = 0;  // monotonic, 0 before the first transaction
+};
+
+// One transaction on a Modbus line: holds the connector's mutex, keeps the gap after
+// the previous frame before anything is sent and marks the end when it is over
+// (thrown or not).
+class ModbusTransaction {
+ public:
+  explicit ModbusTransaction(CModbusConnector& connector);
+  ~ModbusTransaction();
+  ModbusTransaction(const ModbusTransaction&) = delete;
+  ModbusTransaction& operator=(const ModbusTransaction&) = delete;
+
+ private:
+  CModbusConnector& m_connector;
 };
 
 // Holds the connector's mutex for one Modbus transaction.

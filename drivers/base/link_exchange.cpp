@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -35,10 +36,12 @@ int LineSpeed(const CConnector* connector) {
   return baud > 0 ? baud : 9600;
 }
 
-// 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller
+// 64-bit: 267 bytes of 10 bits in microseconds pass the 32-bit range of the controller.
+// At most 5 s, the longest an answer may take to read: at very slow speeds the wait
+// stays short of the 10 s a stop may take.
 long LinkPolicy::PartialReadPauseUs(int bytesDue) const {
   const int64_t wire = static_cast<int64_t>(bytesDue) * 10 * 1000000 / (baud > 0 ? baud : 9600);
-  return static_cast<long>(wire + wire / 10 + 20000);
+  return static_cast<long>(std::min<int64_t>(wire + wire / 10 + 20000, 5000000));
 }
 
 LinkReply RunAttempts(const RetryPolicy& policy, CConnector& connector, const unsigned char* frame,

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/test_support.h"
+#include "transport/modbus_connector.h"
 
 namespace {
 // A pseudo-terminal forces 8 data bits and no parity whatever it is told, so the
@@ -167,6 +168,32 @@ TEST_F(ConnectorTest, WaitForBytesEndsWhenTheBytesAreThere) {
   EXPECT_LT(SecondsSince(start), 2.0);
   unsigned char in[8] = {0};
   EXPECT_EQ(4, c->ReadBuffer(in, 8, false));
+}
+
+// An RTU slave that answers at once still sees 3.5 characters of quiet (11 bits a
+// character at 1200 baud with even parity: 32 ms) before the next request.
+TEST_F(ConnectorTest, ModbusRequestsKeepTheFrameGapAfterAnAnswer) {
+  auto c = Open({{"protocol", "modbus"}, {"speed", "1200"}, {"parity", "E"}});
+  auto* modbus = dynamic_cast<CModbusConnector*>(c.get());
+  ASSERT_NE(nullptr, modbus);
+  EXPECT_EQ(32083, modbus->FrameGapMicros());
+  const std::vector<unsigned char> request = {0x01, 0x04, 0x00, 0x00, 0x00, 0x01, 0x31, 0xCA};
+  steady_clock::time_point answered, next;
+  std::thread meter([&] {
+    EXPECT_EQ(request, pty.Read(8, milliseconds(2000)));
+    pty.Write({0x01, 0x04, 0x02, 0x00, 0x2A, 0x38, 0xEF});
+    answered = steady_clock::now();
+    EXPECT_EQ(request, pty.Read(8, milliseconds(2000)));
+    next = steady_clock::now();
+    pty.Write({0x01, 0x04, 0x02, 0x00, 0x2A, 0x38, 0xEF});
+  });
+  CModbusMeterLink link(modbus, 1);
+  uint16_t value = 0;
+  link.ReadInput(0, 1, &value);
+  EXPECT_EQ(42, value);
+  link.ReadInput(0, 1, &value);
+  meter.join();
+  EXPECT_GE(duration<double>(next - answered).count(), 0.031);
 }
 
 }  // namespace
