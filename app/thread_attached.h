@@ -20,6 +20,20 @@ struct CancellationUnwindGuard {
   ~CancellationUnwindGuard();
 };
 
+// Keeps the calling thread from being cancelled for its lifetime (code that is not
+// safe to unwind: streams, library calls, a log file opened per line). Nests: the
+// previous state is restored.
+class NoCancel {
+ public:
+  NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old); }
+  ~NoCancel() { pthread_setcancelstate(m_old, nullptr); }
+  NoCancel(const NoCancel&) = delete;
+  NoCancel& operator=(const NoCancel&) = delete;
+
+ private:
+  int m_old = PTHREAD_CANCEL_ENABLE;
+};
+
 class myThreadAttached {
  public:
   myThreadAttached();

@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "app/clock.h"
+#include "app/thread_attached.h"
 
 namespace mcd {
 namespace {
@@ -178,18 +179,6 @@ class PipeSignalGuard {
   bool m_wasPending = false;
 };
 
-// libevent is not safe to unwind by thread cancellation; the exchange is bounded by the
-// time-outs, and a pending cancellation takes effect at the caller's next wait.
-class NoCancel {
- public:
-  NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old); }
-  ~NoCancel() { pthread_setcancelstate(m_old, nullptr); }
-  NoCancel(const NoCancel&) = delete;
-  NoCancel& operator=(const NoCancel&) = delete;
-
- private:
-  int m_old = 0;
-};
 
 }  // namespace
 
@@ -199,6 +188,8 @@ int HttpClient::Send(const std::string& request) {
   m_received = false;
   m_tooLarge = false;
   m_response.clear();
+  // libevent is not safe to unwind by thread cancellation; the exchange is bounded by
+  // the time-outs, and a pending cancellation takes effect at the caller's next wait.
   NoCancel noCancel;
   PipeSignalGuard pipeGuard;
   int rc = Perform(request);

@@ -5,24 +5,6 @@
 
 #include "log/logger.h"
 
-namespace {
-
-// Keeps the calling thread from being cancelled while it is inside the stream or
-// logger code, so a cancellation never leaves the stream half-written, its lock
-// held or a log file open. Nests: the previous state is restored.
-class NoCancel {
- public:
-  NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old); }
-  ~NoCancel() { pthread_setcancelstate(m_old, nullptr); }
-  NoCancel(const NoCancel&) = delete;
-  NoCancel& operator=(const NoCancel&) = delete;
-
- private:
-  int m_old = PTHREAD_CANCEL_ENABLE;
-};
-
-}  // namespace
-
 CLed::CLed(const std::string& path, unsigned int flashMicros)
     : m_path(path), m_stream(path, std::ios::out | std::ios::trunc), m_flashMicros(flashMicros) {
   sem_init(&m_wake, 0, 0);
