@@ -345,12 +345,12 @@ int CharacterBits(const std::map<std::string, std::string>& params) {
 
 }  // namespace
 
-bool CConnector::WaitForBytes(int count, long timeout_us) {
+bool CConnector::WaitForBytes(int count, long timeout_us, bool blind) {
   const long long deadline = NowUs() + (timeout_us > 0 ? timeout_us : 0);
   int pending = 0;
   if (fd < 0 || ioctl(fd, FIONREAD, &pending) == -1) {
     // A descriptor that cannot tell its waiting bytes: the whole time.
-    if (timeout_us > 0) usleep(static_cast<useconds_t>(timeout_us));
+    if (blind && timeout_us > 0) usleep(static_cast<useconds_t>(timeout_us));
     return false;
   }
   int baud = 9600;

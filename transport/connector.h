@@ -27,8 +27,9 @@ class CConnector {
   virtual int ReadBufferCycle(unsigned char* buf, unsigned short len, bool led, unsigned int timeout_ms = 0);
   // Waits until at least count bytes are waiting to be read, or timeout_us passes;
   // true when they are there. Nothing is read and nothing is logged. On a descriptor
-  // that cannot tell its waiting bytes (none, not a terminal) it waits the whole time.
-  virtual bool WaitForBytes(int count, long timeout_us);
+  // that cannot tell its waiting bytes (none, not a terminal) it waits the whole time,
+  // or not at all when blind is false.
+  virtual bool WaitForBytes(int count, long timeout_us, bool blind = true);
   virtual bool open_device();
   virtual void close_device();
   virtual int flush();

@@ -124,6 +124,10 @@ bool LinkExchange::ReadCount(unsigned char* dest, int count) {
   if (!texts.readWant.empty()) LOG_DEBUG(texts.readWant.c_str(), count);
   const long start = MonotonicSeconds();
   int got = 0;
+  // An answer on its way is let in whole before it is read: read as it arrives, every
+  // answer longer than a few characters would come in pieces, each piece a warning.
+  // Where the line cannot tell its waiting bytes, reading starts at once.
+  m_connector->WaitForBytes(count, m_policy.PartialReadPauseUs(count), false);
   for (;;) {
     if (m_policy.readLimitSeconds > 0 && MonotonicSeconds() - start >= m_policy.readLimitSeconds) return false;
     const int n = m_connector->ReadBuffer(dest + got, static_cast<unsigned short>(count - got), m_led);

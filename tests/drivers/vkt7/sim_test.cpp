@@ -1,6 +1,7 @@
-// The VKT-7 driver against the meter simulator: three daily records and the monthly
-// record of the reporting day (its time of work comes most significant byte first), as
-// filed, against the simulator's independent list of what must be filed.
+// The VKT-7 driver against the meter simulator on a line paced at 9600 baud: three daily
+// records and the monthly record of the reporting day (its time of work comes most
+// significant byte first), as filed, against the simulator's independent list of what
+// must be filed; answers arriving at the line's pace are read whole, not in pieces.
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -18,6 +19,7 @@ using Filing = std::map<std::string, std::string>;  // "section time file" -> "v
 
 TEST(Vkt7Simulator, DailyRecordsWithTheMonthlyRecordOfTheReportingDay) {
   mcdtest::TempRoot root;
+  mcdtest::LogCapture log;
   const time_t today = mcdtest::LocalMidnight(time(nullptr));
   const time_t firstDay = mcdtest::LocalMidnight(today - 3 * 86400 + 7200);
   const time_t monthly = mcdtest::LocalMidnight(today - 2 * 86400 + 7200);
@@ -26,7 +28,7 @@ TEST(Vkt7Simulator, DailyRecordsWithTheMonthlyRecordOfTheReportingDay) {
   const std::string line = root.root() + "/vkt7.tty", held = root.root() + "/held.json";
   mcdtest::ChildProcess sim;
   ASSERT_TRUE(sim.Start({"python3", mcdtest::SourcePath("tools/vkt7_sim.py"), "--link", line, "--held-out", held,
-                         "--first-day", std::to_string(firstDay), "--report-day", std::to_string(parts.tm_mday)}));
+                         "--baud", "9600", "--first-day", std::to_string(firstDay), "--report-day", std::to_string(parts.tm_mday)}));
   ASSERT_TRUE(mcdtest::WaitFor([&] { return mcdtest::FileExists(line) && mcdtest::FileExists(held); },
                                std::chrono::seconds(10)));
   std::unique_ptr<CConnector> connector(CConnector::CreateConnector({{"name", line}}));
@@ -60,6 +62,7 @@ TEST(Vkt7Simulator, DailyRecordsWithTheMonthlyRecordOfTheReportingDay) {
   }
   EXPECT_EQ(filed, expected);
   EXPECT_GT(filed.size(), 40u);
+  EXPECT_EQ(0u, log.Count("Readed not full string"));
 }
 
 }  // namespace
