@@ -312,15 +312,13 @@ int CConnector::ReadBufferCycle(unsigned char* buf, unsigned short len, bool led
   }
 }
 
-namespace {
-
-long long NowUs() {
+long long CConnector::NowUs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-void SleepUs(long long us) {
+void CConnector::SleepUs(long long us) {
   if (us <= 0) return;
   struct timespec ts;
   ts.tv_sec = static_cast<time_t>(us / 1000000);
@@ -329,8 +327,7 @@ void SleepUs(long long us) {
   }
 }
 
-// Bits of one character on the line: start bit, data bits, parity, stop bits.
-int CharacterBits(const std::map<std::string, std::string>& params) {
+int CConnector::CharacterBits(const std::map<std::string, std::string>& params) {
   int bits = 1 + 8 + 1;
   if (const std::string* value = Find(params, "data")) {
     const int data = atoi(value->c_str());
@@ -342,8 +339,6 @@ int CharacterBits(const std::map<std::string, std::string>& params) {
   if (stop && *stop == "2") ++bits;
   return bits;
 }
-
-}  // namespace
 
 bool CConnector::WaitForBytes(int count, long timeout_us, bool blind) {
   const long long deadline = NowUs() + (timeout_us > 0 ? timeout_us : 0);

@@ -30,6 +30,12 @@ class CConnector {
   // that cannot tell its waiting bytes (none, not a terminal) it waits the whole time,
   // or not at all when blind is false.
   virtual bool WaitForBytes(int count, long timeout_us, bool blind = true);
+  // Microseconds on the monotonic clock; a real sleep of us microseconds (signals do
+  // not shorten it); bits of one character on the line (start, data, parity, stop)
+  // as the port parameters give them.
+  static long long NowUs();
+  static void SleepUs(long long us);
+  static int CharacterBits(const std::map<std::string, std::string>& params);
   virtual bool open_device();
   virtual void close_device();
   virtual int flush();

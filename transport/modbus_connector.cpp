@@ -3,7 +3,6 @@
 #include "transport/serial_lock.h"
 
 #include <sys/select.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,8 +73,8 @@ bool CModbusConnector::open_device() {
   }
 
   // 3.5 characters of start, data, parity and stop bits; a fixed 1750 us above 19200 baud
-  const int bitsPerChar = 1 + dataBits + (parity == 'N' ? 0 : 1) + stopBits;
-  m_frameGapUs = baud > 19200 || baud <= 0 ? 1750 : static_cast<long>(35LL * bitsPerChar * 1000000 / (10LL * baud));
+  m_frameGapUs = baud > 19200 || baud <= 0 ? 1750
+                                           : static_cast<long>(35LL * CharacterBits(params) * 1000000 / (10LL * baud));
 
   modbus_t* created = modbus_new_rtu(device.c_str(), baud, parity, dataBits, stopBits);
   if (!created) {
@@ -107,23 +106,11 @@ bool CModbusConnector::open_device() {
   return true;
 }
 
-namespace {
-
-long long MonotonicMicros() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
-}  // namespace
-
 void CModbusConnector::KeepFrameGap() {
-  if (m_lastEndUs == 0) return;
-  const long long due = m_lastEndUs + m_frameGapUs;
-  for (long long now = MonotonicMicros(); now < due; now = MonotonicMicros()) usleep(static_cast<useconds_t>(due - now));
+  if (m_lastEndUs != 0) SleepUs(m_lastEndUs + m_frameGapUs - NowUs());
 }
 
-void CModbusConnector::EndTransaction() { m_lastEndUs = MonotonicMicros(); }
+void CModbusConnector::EndTransaction() { m_lastEndUs = NowUs(); }
 
 ModbusTransaction::ModbusTransaction(CModbusConnector& connector) : m_connector(connector) {
   pthread_mutex_lock(m_connector.GetMutex());
