@@ -392,6 +392,26 @@ int CmcdTSRV::get_arch_values(int type, time_t from, time_t to, ParamValueList& 
   const bool hourly = type == ARCH_HOURLY;
   time_t t = hourly ? mcd::cal::HourStart(from) : mcd::cal::DayStart(from);
   if (t < from) t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t);
+  // A young meter holds nothing for most of the times asked in a first walk: the times
+  // it does not hold are told in one warning per run of them and system.
+  struct Missing {
+    time_t first = 0, last = 0;
+    int count = 0;
+  } missing[3];  // at most three systems
+  const char* what = hourly ? "hourly" : "daily";
+  auto tell = [&](int sys) {
+    Missing& m = missing[sys];
+    if (m.count == 1)
+      LOG_WARNING("CmcdTSRV::get_arch_values - the meter holds no %s record for %s of system %d: skipped", what,
+                  TimeText(m.first).c_str(), sys);
+    else if (m.count > 1)
+      LOG_WARNING("CmcdTSRV::get_arch_values - system %d holds no %s records from %s to %s (%d): skipped", sys, what,
+                  TimeText(m.first).c_str(), TimeText(m.last).c_str(), m.count);
+    m = Missing();
+  };
+  auto tellAll = [&]() {
+    for (int sys = 0; sys < Systems(); ++sys) tell(sys);
+  };
   for (; t <= to; t = hourly ? mcd::cal::NextHour(t) : mcd::cal::NextDay(t)) {
     // All systems of one time go together: a failure at a later system must not let
     // the earlier ones raise the bound past the record that failed.
@@ -401,16 +421,24 @@ int CmcdTSRV::get_arch_values(int type, time_t from, time_t to, ParamValueList& 
       try {
         result = ReadRecord(type, sys, t, atTime);
       } catch (const std::exception& e) {
-        LOG_ERR("CmcdTSRV::get_arch_values - %s record %s of system %d: exchange failed: %s",
-                hourly ? "hourly" : "daily", TimeText(t).c_str(), sys, e.what());
+        LOG_ERR("CmcdTSRV::get_arch_values - %s record %s of system %d: exchange failed: %s", what,
+                TimeText(t).c_str(), sys, e.what());
       }
-      if (result == kRefused) return 0;
-      if (result == kNoRecord)
-        LOG_WARNING("CmcdTSRV::get_arch_values - the meter holds no %s record for %s of system %d: skipped",
-                    hourly ? "hourly" : "daily", TimeText(t).c_str(), sys);
+      if (result == kRefused) {
+        tellAll();
+        return 0;
+      }
+      Missing& m = missing[sys];
+      if (result == kNoRecord) {
+        if (m.count++ == 0) m.first = t;
+        m.last = t;
+      } else {
+        tell(sys);
+      }
     }
     out.splice(out.end(), atTime);
   }
+  tellAll();
   return 1;
 }
 
