@@ -3,8 +3,11 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -175,28 +178,61 @@ void BlockControlSignals() {
 
 SignalThread::SignalThread() {
   BlockControlSignals();
+  const sigset_t set = ControlSet();
+  m_signalFd = signalfd(-1, &set, SFD_CLOEXEC);
+  m_wakeFd = eventfd(0, EFD_CLOEXEC);
   m_started = pthread_create(&m_thread, nullptr, &SignalThread::Run, this) == 0;
   if (!m_started) LOG_CRIT(MCD_RED "main - the signal thread could not be started." MCD_RESET);
 }
 
 SignalThread::~SignalThread() {
   m_done.store(true);
+  if (m_wakeFd >= 0) {
+    const uint64_t one = 1;
+    while (write(m_wakeFd, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+  }
   if (m_started) pthread_join(m_thread, nullptr);
+  if (m_signalFd >= 0) close(m_signalFd);
+  if (m_wakeFd >= 0) close(m_wakeFd);
+}
+
+// The next control signal and its sender, or 0 once the thread is to end. Sleeps until
+// one of the two comes; without the descriptors (never seen on Linux) it looks at the
+// end flag a few times a second instead.
+int SignalThread::NextSignal(pid_t& sender) {
+  while (!m_done.load()) {
+    if (m_signalFd < 0 || m_wakeFd < 0) {
+      const sigset_t set = ControlSet();
+      const struct timespec step = {0, 200 * 1000 * 1000};
+      siginfo_t info;
+      const int sig = sigtimedwait(&set, &info, &step);
+      if (sig > 0) {
+        sender = info.si_pid;
+        return sig;
+      }
+      continue;
+    }
+    struct pollfd fds[2] = {{m_signalFd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) continue;  // EINTR
+    if (fds[1].revents != 0) break;
+    struct signalfd_siginfo info;
+    if (fds[0].revents != 0 && read(m_signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      sender = static_cast<pid_t>(info.ssi_pid);
+      return static_cast<int>(info.ssi_signo);
+    }
+  }
+  return 0;
 }
 
 void* SignalThread::Run(void* arg) {
   auto* self = static_cast<SignalThread*>(arg);
-  const sigset_t set = ControlSet();
-  // Looks at m_done a few times a second; a signal is taken at once.
-  const struct timespec step = {0, 200 * 1000 * 1000};
-  while (!self->m_done.load()) {
-    siginfo_t info;
-    int sig = sigtimedwait(&set, &info, &step);
-    if (sig < 0) continue;  // time-out or EINTR
+  pid_t sender = 0;
+  while (const int sig = self->NextSignal(sender)) {
     const bool stopping = StopRequested();
     LogSeparator();
     LOG_CRIT(MCD_RED "System signal number %d (%s) is received from process %d." MCD_RESET, sig, ControlName(sig),
-             static_cast<int>(info.si_pid));
+             static_cast<int>(sender));
     if (sig == SIGHUP) {
       LOG_NOTICE("main - reload requested: the configuration is read again at the next block boundary.");
       RequestReload();

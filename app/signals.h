@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 
@@ -13,7 +14,8 @@ namespace mcd {
 // only the signal thread ever takes them.
 void BlockControlSignals();
 
-// The one thread that takes the blocked signals with sigtimedwait. SIGTERM, SIGQUIT and
+// The one thread that takes the blocked signals (through a signalfd; it sleeps until a
+// signal or its own end comes). SIGTERM, SIGQUIT and
 // SIGINT request a stop (a second SIGINT after a stop was requested ends the process at
 // once with status 1); SIGHUP requests a reload. It logs each signal from its own
 // ordinary context, so no logging ever happens inside a signal handler.
@@ -26,7 +28,10 @@ class SignalThread {
 
  private:
   static void* Run(void* self);
+  int NextSignal(pid_t& sender);
   pthread_t m_thread{};
+  int m_signalFd = -1;
+  int m_wakeFd = -1;
   bool m_started = false;
   std::atomic<bool> m_done{false};
 };

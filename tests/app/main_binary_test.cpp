@@ -91,7 +91,8 @@ TEST_F(DaemonRun, SharedPortReloadOnSighupAndStopOnSigterm) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, seconds(4));
   err = daemon.Stderr();
   EXPECT_NE(std::string::npos, err.find("Crit: " + kRed + kSeparator + kReset + "\n")) << err;
-  EXPECT_NE(std::string::npos, err.find("Crit: " + kRed + "System signal number 15 (Terminated) is received from "));
+  EXPECT_NE(std::string::npos, err.find("Crit: " + kRed + "System signal number 15 (Terminated) is received from process " +
+                                        std::to_string(getpid()) + "."));
   EXPECT_EQ(4u, Count(err, kSeparator));  // two lines around each of the two signals
   EXPECT_EQ(std::string::npos, err.find("Immediate exit"));
   EXPECT_EQ(1u, Count(err, "main - shutdown done."));
