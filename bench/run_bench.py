@@ -448,7 +448,8 @@ STEADY_PERIOD = 20  # the polling period of the poll-cycle runs, every family
 def steady(binary, family, verbose, cycles):
     """One meter holding a day of archive, the daemon on the real clock polling every
     STEADY_PERIOD seconds: CPU (every thread, in nanoseconds) and diagnostic bytes
-    from the item files of the second cycle to those `cycles` cycles later. The first
+    from a cycle boundary two periods after the first item file to the one `cycles`
+    cycles later. The first
     archive reading is held back 600 s at such a period, so these are the cycles of
     current values with the archive-lag check that ends each; the hourly archive
     reading comes on top once an hour (its cost is in the per-record figure)."""
@@ -466,11 +467,13 @@ def steady(binary, family, verbose, cycles):
                 time.sleep(0.1)
             return None
 
-        # From the item files of the second cycle: the first one ends with the search for
-        # the oldest records (MTR-06: a bisection with error answers), after its items.
-        mark = 0
-        for _ in range(2):
-            mark = next_cycle(mark) if mark is not None else None
+        # From a cycle boundary two periods after the first item file: the system values
+        # are filed before the first cycle, and the first cycle ends with the search for
+        # the oldest records (MTR-06: a bisection with error answers) after its items.
+        mark = next_cycle(0)
+        settled = time.time() + 2 * STEADY_PERIOD
+        while mark is not None and time.time() < settled:
+            mark = next_cycle(mark)
         n0, d0, counted = thread_cpu_ns(daemon.pid), diag_bytes(rig.path("storage")), 0
         while mark is not None and counted < cycles:
             mark = next_cycle(mark)
