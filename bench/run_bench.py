@@ -360,17 +360,27 @@ class Rig:
                         pass
         return newest
 
+    def next_cycle(self, last, seconds, step=0.1):
+        """The newest current-value time once it differs from `last` (a poll cycle has
+        written its items), or None when `seconds` pass first."""
+        end = time.time() + seconds
+        while time.time() < end:
+            now = self.newest_item()
+            if now != last:
+                return now
+            time.sleep(step)
+        return None
+
     def count_cycles(self, seconds, step=0.2):
         """Sleeps `seconds` and counts the poll cycles meanwhile (the times the newest
         current-value file changed; cycles are a second or more apart at the 60-fold
         clock)."""
         end, last, count = time.time() + seconds, self.newest_item(), 0
-        while time.time() < end:
-            time.sleep(step)
-            now = self.newest_item()
-            if now != last:
-                count, last = count + 1, now
-        return count
+        while True:
+            last = self.next_cycle(last, end - time.time(), step)
+            if last is None:
+                return count
+            count += 1
 
     def stop(self):
         for p in reversed(self.procs):
@@ -395,10 +405,9 @@ class Rig:
 # first cycle (at 600 s and below it holds them back 600 s of meter time, 10 s of wall
 # time at the 60-fold clock, which are no line time).
 PACED_PERIOD = 601
-CPU_PERIOD = 60
 
 
-def backfill(binary, family, days, baud, verbose, steady_seconds, scale=60, period=None):
+def backfill(binary, family, days, baud, verbose, steady_seconds, scale=60, period=PACED_PERIOD):
     """One meter with `days` of missing archive; wall time to file it all, the floor,
     lost and duplicated records, CPU, memory, bytes written; then poll cycles. scale 0
     runs the daemon on the real clock."""
@@ -407,8 +416,6 @@ def backfill(binary, family, days, baud, verbose, steady_seconds, scale=60, peri
         now = time.time()
         want_hourly, want_daily = local_hours_back(now, days * 24), local_days_back(now, days)
         started = time.time()
-        if period is None:
-            period = PACED_PERIOD if baud else CPU_PERIOD
         daemon = rig.start(family, [1], days * 24, days, baud, period, scale, verbose)
         done = wait_for(lambda: rig.filed([1], want_hourly[-1], want_daily[-1]), 3 * 3600)
         wall = time.time() - started
@@ -449,34 +456,24 @@ def steady(binary, family, verbose, cycles):
     """One meter holding a day of archive, the daemon on the real clock polling every
     STEADY_PERIOD seconds: CPU (every thread, in nanoseconds) and diagnostic bytes
     from a cycle boundary two periods after the first item file to the one `cycles`
-    cycles later. The first
-    archive reading is held back 600 s at such a period, so these are the cycles of
-    current values with the archive-lag check that ends each; the hourly archive
-    reading comes on top once an hour (its cost is in the per-record figure)."""
+    cycles later. The first archive reading is held back 600 s at such a period, so
+    these are the cycles of current values with the archive-lag check that ends each;
+    the hourly archive reading comes on top once an hour (its cost is in the per-record
+    figure)."""
     rig = Rig(binary, "%s-steady" % family.name)
     try:
         daemon = rig.start(family, [1], 24, 1, 0, STEADY_PERIOD, 0, verbose)
         limit = 60 + 5 * STEADY_PERIOD
-
-        def next_cycle(last):
-            end = time.time() + limit
-            while time.time() < end:
-                now = rig.newest_item()
-                if now != last:
-                    return now
-                time.sleep(0.1)
-            return None
-
         # From a cycle boundary two periods after the first item file: the system values
         # are filed before the first cycle, and the first cycle ends with the search for
         # the oldest records (MTR-06: a bisection with error answers) after its items.
-        mark = next_cycle(0)
+        mark = rig.next_cycle(0, limit)
         settled = time.time() + 2 * STEADY_PERIOD
         while mark is not None and time.time() < settled:
-            mark = next_cycle(mark)
+            mark = rig.next_cycle(mark, limit)
         n0, d0, counted = thread_cpu_ns(daemon.pid), diag_bytes(rig.path("storage")), 0
         while mark is not None and counted < cycles:
-            mark = next_cycle(mark)
+            mark = rig.next_cycle(mark, limit)
             counted += mark is not None
         n1, d1 = thread_cpu_ns(daemon.pid), diag_bytes(rig.path("storage"))
         return dict(done=counted == cycles, cycles=counted,
@@ -546,9 +543,8 @@ def main():
     print("machine: %d cores; load average at the start %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
     print("families: %s; parts: %s" % (", ".join(f.name for f in families), ", ".join(p for p in PARTS if p in parts)))
 
-    # Paced backfills and the real-time idle runs together: they wait on the line and on
-    # the clock, not on the processor.
-    # The poll-cycle runs on the real clock wait on the line and the clock as well.
+    # Paced backfills, the real-time idle runs and the poll-cycle runs together: they wait
+    # on the line and on the clock, not on the processor.
     jobs = []
     if "backfill" in parts:
         jobs += [(backfill, args.binary, f, args.days, args.baud, LEVEL, args.steady_seconds) for f in families]
@@ -569,7 +565,7 @@ def main():
     if "cpu" in parts:
         for f in families:
             for level in (LEVEL, 7):
-                r = backfill(args.binary, f, args.cpu_days, 0, level, 0, scale=0, period=PACED_PERIOD)
+                r = backfill(args.binary, f, args.cpu_days, 0, level, 0, scale=0)
                 c = cycle_runs[(f.name, level)]
                 r.update(cycles=c["cycles"], cpu_per_cycle=c["cpu_per_cycle"], diag_per_cycle=c["diag_per_cycle"])
                 r["done"] = r["done"] and c["done"]

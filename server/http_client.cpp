@@ -179,7 +179,6 @@ class PipeSignalGuard {
   bool m_wasPending = false;
 };
 
-
 }  // namespace
 
 HttpClient::HttpClient(const std::string& url) : m_url(url) {}
